@@ -1,0 +1,53 @@
+#pragma once
+
+#include <sys/types.h>
+
+/**
+ * Names one child of this process beyond doubt: the process id alone may already belong to another process
+ * when a status is asked for.
+ */
+struct ChildId {
+    long processId = 0; // 0: no child
+    unsigned long long serial = 0;
+
+    bool IsNone() const { return processId == 0; }
+};
+
+enum class ChildState {
+    Running,
+    Ended,  // and its wait status has been handed out, once
+    Unknown // never entered, forgotten, or already asked for
+};
+
+/**
+ * The one table of this process' children, and the only place that reaps.
+ *
+ * A child is entered right after its fork. Reap() collects every child that has ended: the status of one in
+ * the table is kept for the one who asks, that of a stranger (an orphan that this process has adopted) is
+ * dropped. Since nobody else reaps, a child that the table calls running cannot have had its id reused:
+ * signalling it is safe, and nothing may signal one that the table calls ended.
+ *
+ * The daemon calls Reap() once per SIGCHLD, so asking costs no system call.
+ */
+namespace ChildTable
+{
+/** Enters a child that was just forked. Must come before the next Reap(). */
+ChildId Enter(pid_t processId);
+/** Collects, without blocking, every child that has ended. */
+void Reap();
+/** The child's state as of the last Reap(); an ended child's wait status goes to `waitStatus` and its entry.
+ */
+ChildState Ask(const ChildId& child, int& waitStatus);
+/** Waits until the child has ended, at most this long (negative: without limit), reaping meanwhile. */
+ChildState Wait(const ChildId& child, int& waitStatus, long long limitMilliseconds);
+/** True while the table has the child as running, so that it may be signalled. */
+bool IsRunning(const ChildId& child);
+/** True when a running child of the table has this id. */
+bool HoldsRunning(pid_t processId);
+/** Drops the entry of a child that nobody will ask for; it is still reaped. */
+void Forget(const ChildId& child);
+/** Number of ended children that have not been asked for yet. */
+int CountOfUnaskedEnds();
+/** Drops everything: the first thing a forked worker does, whose children these are not. */
+void Clear();
+} // namespace ChildTable

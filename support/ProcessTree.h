@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "support/ChildTable.h"
+
+/**
+ * A command and everything that descends from it, held so that it can be ended for certain.
+ *
+ * The tree is: the command; its descendants; the orphans that this process has adopted (it is the reaper of
+ * orphans) that are of the command's session or bear its mark in their environment; and theirs. Every
+ * member is held by a pidfd, so that no reused id is ever hit and members that outlive the command stay in
+ * reach. What clears its environment, changes its session and forks away can escape.
+ *
+ * Owned by the command's BaseProcess, and by the ladder that goes on after the command itself has ended.
+ * Movable, not copyable.
+ */
+class ProcessTree
+{
+public:
+    ProcessTree() = default;
+    /** `mark` is the whole environment entry (NAME=value) that the command was started with. */
+    ProcessTree(const ChildId& command, std::string mark);
+    ProcessTree(ProcessTree&& other) noexcept;
+    ProcessTree& operator=(ProcessTree&& other) noexcept;
+    ~ProcessTree();
+
+    /**
+     * Stops the tree from the top until no new member appears, sends every member `signal`, and lets them
+     * continue. Never waits for longer than a few milliseconds: a member that cannot stop just now is
+     * signalled all the same. May be called again; members found before are kept.
+     */
+    void Signal(int signal);
+    /** Number of members found so far that are still alive; those that have ended are let go. */
+    int CountAlive();
+
+private:
+    struct Member {
+        pid_t processId;
+        int pidDescriptor;            // -1 when none could be had
+        unsigned long long startTime; // clock ticks since boot, tells a reused id
+    };
+
+    ChildId command_;
+    std::string mark_;
+    std::vector<Member> members_;
+};

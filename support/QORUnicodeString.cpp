@@ -1,0 +1,1 @@
+#include "support/QORUnicodeString.h"
