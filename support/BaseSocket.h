@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/QORLists.h"
 #include "support/QORUnicodeString.h"
@@ -30,6 +31,7 @@ public:
 
     /** How long a write waits for a peer that takes nothing, in seconds. */
     static constexpr int WriteTimeOut = 900;
+    static constexpr int HighestPort = 65535;
 
     BaseSocket() = default;
     BaseSocket(const BaseSocket&) = delete;
@@ -62,7 +64,7 @@ public:
     /** Connects to a name or dotted address within the time; `localAddress` is bound first unless null. */
     int OpenConnectionToServerNonBlocking(const QORUnicodeString& host, const int& port,
                                           const int& timeoutSeconds, const sockaddr_in* localAddress);
-    /** The same on a socket that Bind() has bound. */
+    /** The same on a socket that Bind() has bound; a failure closes it, so that it is bound anew. */
     int OpenConnectionToServerNonBlockingAfterBind(const QORUnicodeString& host, const int& port,
                                                    const int& timeoutSeconds);
     /**
@@ -112,6 +114,16 @@ public:
     QORUnicodeString BaseSocketGetLastError() const { return lastError_; }
 
 private:
+    // Each makes the text of the failure and returns 1.
+    int Fail(int error, const char* operation);
+    int Fail(const char* reason, const char* operation);
+    int FailAndClose(int error, const char* operation);
+
+    int MakeSocket();
+    int LookUpServer(const QORUnicodeString& host, int port, std::vector<sockaddr_in>& servers);
+    /** Connects the socket that is held to one address; closes it on failure. */
+    int ConnectToAddress(const sockaddr_in& server, long long deadline);
+
     int descriptor_ = -1;
     bool outOfResources_ = false;
     bool localAddressUnavailable_ = false;

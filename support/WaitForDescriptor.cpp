@@ -1,0 +1,28 @@
+#include "support/WaitForDescriptor.h"
+
+#include <cerrno>
+#include <climits>
+
+#include <poll.h>
+
+#include "support/Clock.h"
+
+long long DeadlineIn(int seconds)
+{
+    return Clock::SteadyMilliseconds() + seconds * 1000LL;
+}
+
+int WaitForDescriptor(int descriptor, short events, long long deadline)
+{
+    for (;;) {
+        const long long left = deadline - Clock::SteadyMilliseconds();
+        if (left <= 0)
+            return ETIMEDOUT;
+        pollfd waited{descriptor, events, 0};
+        const int ready = poll(&waited, 1, static_cast<int>(left < INT_MAX ? left : INT_MAX));
+        if (ready > 0)
+            return 0;
+        if (ready < 0 && errno != EINTR)
+            return errno;
+    }
+}
