@@ -1,0 +1,109 @@
+#include "protocol/RequestText.h"
+
+#include "protocol/RequestForms.h"
+#include "protocol/Texts.h"
+
+#include <algorithm>
+#include <string.h>
+
+namespace protocol
+{
+
+namespace
+{
+
+constexpr char SeparatorByte = '|';
+
+/** Builds the fields of `text` from the positions of its first separators. */
+RequestFields FieldsBetween(std::string_view text, const std::array<std::size_t, MostFields>& separators,
+                            int separatorCount)
+{
+    RequestFields result;
+    if (text.empty())
+        return result;
+    result.count = separatorCount + 1;
+    std::size_t begin = 0;
+    for (int i = 0; i < MostFields && i <= separatorCount; ++i) {
+        const std::size_t end = i < separatorCount ? separators[static_cast<size_t>(i)] : text.size();
+        result.fields[static_cast<size_t>(i)] = text.substr(begin, end - begin);
+        begin = end + 1;
+    }
+    return result;
+}
+
+/** Notes the separators of `bytes`, which stand at `offset` of the whole. */
+void NoteSeparators(std::string_view bytes, std::size_t offset,
+                    std::array<std::size_t, MostFields>& separators, int& count)
+{
+    for (std::size_t at = bytes.find(SeparatorByte); at != std::string_view::npos;
+         at = bytes.find(SeparatorByte, at + 1)) {
+        if (count < MostFields)
+            separators[static_cast<size_t>(count)] = offset + at;
+        ++count;
+    }
+}
+
+} // namespace
+
+RequestFields SplitRequest(std::string_view text)
+{
+    std::array<std::size_t, MostFields> separators{};
+    int count = 0;
+    NoteSeparators(text, 0, separators, count);
+    return FieldsBetween(text, separators, count);
+}
+
+bool RequestText::Append(std::string_view bytes)
+{
+    if (bytes.size() > Limit - bytes_.size())
+        return false;
+    NoteSeparators(bytes, bytes_.size(), separators_, separatorCount_);
+    if (bytes_.capacity() - bytes_.size() < bytes.size()) {
+        // Grown by hand, so that the old block, which may hold a password, is wiped before it is freed.
+        std::string larger;
+        larger.reserve(std::max(2 * bytes_.size(), bytes_.size() + bytes.size()));
+        larger.append(bytes_);
+        explicit_bzero(bytes_.data(), bytes_.size());
+        bytes_.swap(larger);
+    }
+    bytes_.append(bytes);
+    return true;
+}
+
+int RequestText::SilenceToAwait() const
+{
+    if (bytes_.size() < SmallestSegment)
+        return 0;
+    const RequestFields fields = Fields();
+    const bool known = RecognizeRequest(fields, VersionIndex(fields[1])) != RequestKind::Unknown;
+    const bool terminated = LengthWithoutTerminator() < bytes_.size();
+    if (known && terminated)
+        return 0;
+    return known ? ShortSilence : LongSilence;
+}
+
+RequestFields RequestText::Fields() const
+{
+    return FieldsBetween(std::string_view(bytes_).substr(0, LengthWithoutTerminator()), separators_,
+                         separatorCount_);
+}
+
+void RequestText::Wipe()
+{
+    explicit_bzero(bytes_.data(), bytes_.size());
+    bytes_.clear();
+    separatorCount_ = 0;
+}
+
+std::size_t RequestText::LengthWithoutTerminator() const
+{
+    std::size_t length = bytes_.size();
+    if (length == 0 || (bytes_[length - 1] != '\n' && bytes_[length - 1] != '\0'))
+        return length;
+    --length;
+    if (bytes_[length] == '\n' && length > 0 && bytes_[length - 1] == '\r')
+        --length;
+    return length;
+}
+
+} // namespace protocol
