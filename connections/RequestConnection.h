@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+
+#include "connections/ThreadOrProcessConnection.h"
+
+#include <netinet/in.h>
+
+/**
+ * An accepted client whose request has not been served yet: who it is, since when it waits, and what it has
+ * sent so far. Its worker, where one is needed, checks the user's password and ends with the result: 0 good,
+ * 1 refused. It has no status board.
+ *
+ * Owned by the server's list of requests. What it becomes takes its socket along.
+ */
+class RequestConnection : public ThreadOrProcessConnection
+{
+public:
+    RequestConnection() : ThreadOrProcessConnection(BoardUse::WithoutBoard) {}
+    /** Wipes the credentials. */
+    ~RequestConnection() override;
+
+    /** To be called when the client has been accepted. */
+    void SetPeer(const sockaddr_in& address, const long long& acceptedMilliseconds);
+    const sockaddr_in& GetPeerAddress() const { return peerAddress_; }
+    /** On the clock of Clock::SteadyMilliseconds(). */
+    const long long& GetAcceptedMilliseconds() const { return acceptedMilliseconds_; }
+    /** The bytes of the request that have arrived. */
+    std::string& GetReceived() { return received_; }
+
+    /** What the worker is to check. */
+    void SetCredentials(const QORUnicodeString& user, const QORUnicodeString& password);
+    /** Overwrites the credentials in memory; to be called as soon as the worker has been started. */
+    void WipeCredentials();
+
+    int ThreadOrProcessRoutine() override;
+
+private:
+    sockaddr_in peerAddress_ = {};
+    long long acceptedMilliseconds_ = 0;
+    std::string received_;
+    QORUnicodeString user_;
+    QORUnicodeString password_;
+};
+
+using QORListPtrRequestConnection = QORListPtr<RequestConnection>;

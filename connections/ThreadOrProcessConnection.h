@@ -1,0 +1,73 @@
+#pragma once
+
+#include <memory>
+
+#include "connections/Connection.h"
+#include "connections/WriterReader.h"
+#include "support/ChildTable.h"
+#include "support/QORLists.h"
+
+/**
+ * The base of the connections whose work is done by a worker: a process forked from the daemon that runs
+ * ThreadOrProcessRoutine() on its own copy of the object and ends with its result as exit code. No thread is
+ * ever used.
+ *
+ * The daemon calls everything but the routine, which runs in the worker only. States: idle (worker process
+ * id 0) and running; a check or wait that finds the end, or a reset, leads back to idle. The status board
+ * lives from the first start to the destruction. Destruction signals and reaps nobody.
+ *
+ * The worker is the head of a process group of its own, so that a terminal's interrupt reaches only the
+ * daemon, which decides; it holds the daemon's standard streams and its own client's socket, nothing else.
+ */
+class ThreadOrProcessConnection : public Connection
+{
+public:
+    ~ThreadOrProcessConnection() override;
+
+    /** The work itself, in the worker. The result, 0 to 255, is the worker's exit code. */
+    virtual int ThreadOrProcessRoutine() = 0;
+
+    /** 0 when a worker runs (started now or already), 1 when none could be started. */
+    int StartThreadOrProcess(QORListPtrBaseSocket& socketsToClose);
+    /** 1 when there is no worker any more, with its status; 0 while it runs. Makes no system call. */
+    int CheckThreadOrProcess(int& status);
+    /**
+     * Opposite sense to BaseProcess::WaitForProcess: 1 when the worker has ended within the time (seconds,
+     * negative is without limit), with its status; 0 when it still runs.
+     */
+    int WaitThreadOrProcess(int& status, const int& timeOut);
+    /** Signals the worker: kill when `force` is not 0, else terminate. 0 when sent or nobody is there. */
+    int TerminateThreadOrProcess(const int& force);
+    /** Forgets the worker without signalling it. */
+    void ResetThreadOrProcess();
+
+    /** 0 when there is no worker. */
+    long GetWorkerProcessId() const { return worker_.processId; }
+    /** The status that the last worker's end was reported with; 0 before that. */
+    const int& GetLastWorkerStatus() const { return lastStatus_; }
+
+protected:
+    enum class BoardUse { WithBoard, WithoutBoard };
+
+    explicit ThreadOrProcessConnection(BoardUse use = BoardUse::WithBoard) : boardUse_(use) {}
+
+    int _InitThreadOrProcess(ChildId& worker, int (ThreadOrProcessConnection::*routine)(),
+                             QORListPtrBaseSocket* socketsToClose);
+    int _CheckThreadOrProcess(ChildId& worker, int& status);
+    int _WaitThreadOrProcess(ChildId& worker, int& status, const int& timeOut);
+
+    /** Null when there is none: the work is then done all the same. */
+    WriterReader* GetStatusBoard() const { return statusBoard_.get(); }
+    /** Appends ", STATUS(...)" when the board has a text; takes the time waited off the limit. */
+    void AppendStatus(QORUnicodeString& line, long long& limitMicroseconds) const;
+
+private:
+    void MakeStatusBoard();
+    [[noreturn]] void RunInWorker(int (ThreadOrProcessConnection::*routine)(),
+                                  QORListPtrBaseSocket* socketsToClose, long daemonProcessId);
+
+    ChildId worker_;
+    std::unique_ptr<WriterReader> statusBoard_;
+    BoardUse boardUse_;
+    int lastStatus_ = 0;
+};

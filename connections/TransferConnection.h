@@ -1,0 +1,87 @@
+#pragma once
+
+#include "connections/ThreadOrProcessConnection.h"
+
+#include <netinet/in.h>
+
+/**
+ * One file transfer, served by a worker under the requesting user's identity over a separate data
+ * connection. Directions are the client's: a GET sends a file of this machine ("remote file"), a PUT writes
+ * one.
+ *
+ * The daemon constructs it, sets everything, then starts the worker, which works on its own copy: nothing
+ * set later reaches it. The worker is started whether the password was good or bad and answers the client
+ * itself. The worker's exit code is the transfer's result: 0 complete, else failed.
+ */
+class TransferConnection : public ThreadOrProcessConnection
+{
+public:
+    enum TransferType { Put = 0, Get = 1 };
+
+    /** `localAddress` is the daemon's own address for passive connections, borrowed; may be null. */
+    TransferConnection(const QORUnicodeString& host, const sockaddr_in* localAddress);
+    ~TransferConnection() override;
+
+    /** Begins the life. With `noImpersonation` the worker keeps the daemon's own identity. */
+    void SetAttributes(const QORUnicodeString& user, const QORUnicodeString& credential,
+                       const long& beginLifeTime, const int& transferType, const int& ascii,
+                       const QORUnicodeString& remoteFile, const int& number, const int& versionAndRevision,
+                       const int& noImpersonation, const int& bindDataSocket);
+    /** PASSIVE: the daemon connects to the client. Otherwise the client connects to the daemon. */
+    void SetPassiveHostAddressAndPortNumber(const QORUnicodeString& hostAddress, const int& port);
+    /** Update mode. For a GET: size and check sums of the part that the client already has. */
+    void SetUpdateSizeAndCheckSum(const long long& size, const unsigned& headCheckSum,
+                                  const unsigned& bodyCheckSum);
+    /** The result of the password check, made before: with it the worker checks nothing again. `refusal` is
+     * the reason that a refused client is told. Not called: the worker checks the credential itself. */
+    void SetUserVerdict(const bool& good, const QORUnicodeString& refusal);
+
+    /** `line` becomes the line in a listing. */
+    void GetAttributes(const QORUnicodeString& prefix, QORUnicodeString& line) const;
+    /** The same, waiting for the status at most `limitMicroseconds` (see WriterReader::Read). */
+    void GetAttributes(const QORUnicodeString& prefix, QORUnicodeString& line,
+                       long long& limitMicroseconds) const;
+    /** 1 when `user` names the requesting user (domains and case do not count), else 0. */
+    int IsSameUser(const QORUnicodeString& user) const;
+    const int& GetNumber() const { return number_; }
+    const int& GetVersionAndRevision() const { return version_; }
+    const QORUnicodeString& GetSourceOrTargetFile() const { return remoteFile_; }
+    const int& GetTransferType() const { return transferType_; }
+
+    int ThreadOrProcessRoutine() override;
+
+private:
+    /** What ImpersonateUser() saved and RestoreUser() takes back. */
+    struct SavedIdentity {
+        static constexpr int GroupCapacity = 16;
+        long userId = 0;
+        long groupId = 0;
+        long groups[GroupCapacity] = {};
+        int groupCount = GroupCapacity;
+    };
+
+    QORUnicodeString host_;
+    const sockaddr_in* localAddress_;
+    BaseSocket dataSocket_;
+    BaseSocket listeningDataSocket_;
+    int dataPort_ = 0;
+    int passive_ = 0;
+    int passivePort_ = 0;
+    QORUnicodeString passiveHostAddress_;
+    QORUnicodeString user_;
+    QORUnicodeString credential_;
+    SavedIdentity savedIdentity_;
+    int transferType_ = Put;
+    int ascii_ = 0;
+    QORUnicodeString remoteFile_;
+    int number_ = 0;
+    int version_ = 0;
+    int noImpersonation_ = 0;
+    int bindDataSocket_ = 0;
+    int update_ = 0;
+    long long updateSize_ = -1;
+    unsigned headCheckSum_ = 0;
+    unsigned bodyCheckSum_ = 0;
+};
+
+using QORListPtrTransferConnection = QORListPtr<TransferConnection>;
