@@ -1,1 +1,164 @@
 #include "support/CheckSum.h"
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#include "support/CheckSumKernels.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define RUVEL_CARRYLESS __attribute__((target("pclmul,sse4.1")))
+#endif
+
+namespace
+{
+constexpr uint32_t Polynomial = 0xEDB88320U; // reflected: the lowest bit is the highest power
+constexpr size_t SliceCount = 16;
+constexpr size_t CarrylessMinimum = 128; // below this the tables are as fast
+
+using Slices = std::array<std::array<uint32_t, 256>, SliceCount>;
+
+constexpr uint32_t MultiplyByX(uint32_t value)
+{
+    return (value >> 1) ^ ((value & 1U) != 0 ? Polynomial : 0U);
+}
+
+/** Slice n holds what a byte is worth when n more bytes follow it. */
+constexpr Slices MakeSlices()
+{
+    Slices slices{};
+    for (uint32_t byte = 0; byte < 256; ++byte) {
+        uint32_t value = byte;
+        for (int bit = 0; bit < 8; ++bit)
+            value = MultiplyByX(value);
+        slices[0][byte] = value;
+    }
+    for (size_t slice = 1; slice < SliceCount; ++slice) {
+        for (size_t byte = 0; byte < 256; ++byte) {
+            uint32_t shorter = slices[slice - 1][byte];
+            slices[slice][byte] = (shorter >> 8) ^ slices[0][shorter & 0xFFU];
+        }
+    }
+    return slices;
+}
+
+constexpr Slices Table = MakeSlices();
+
+uint32_t LoadLittleEndian(const unsigned char* data)
+{
+    uint32_t word;
+    memcpy(&word, data, sizeof word);
+    if constexpr (std::endian::native == std::endian::big)
+        word = __builtin_bswap32(word);
+    return word;
+}
+
+/** What a word is worth when `following` more bytes follow it. */
+inline uint32_t Look(uint32_t word, size_t following)
+{
+    return Table[following + 3][word & 0xFFU] ^ Table[following + 2][(word >> 8) & 0xFFU] ^
+           Table[following + 1][(word >> 16) & 0xFFU] ^ Table[following][word >> 24];
+}
+} // namespace
+
+unsigned int CheckSumKernels::FoldPortable(unsigned int state, const unsigned char* data, size_t length)
+{
+    for (; length >= SliceCount; data += SliceCount, length -= SliceCount) {
+        state = Look(LoadLittleEndian(data) ^ state, 12) ^ Look(LoadLittleEndian(data + 4), 8) ^
+                Look(LoadLittleEndian(data + 8), 4) ^ Look(LoadLittleEndian(data + 12), 0);
+    }
+    for (; length > 0; ++data, --length)
+        state = (state >> 8) ^ Table[0][(state ^ *data) & 0xFFU];
+    return state;
+}
+
+#ifdef RUVEL_CARRYLESS
+
+namespace
+{
+/** x to the given power modulo the polynomial, shifted to where a reflected product expects it. */
+constexpr long long PowerOfX(int power)
+{
+    uint32_t value = 0x80000000U;
+    for (int i = 0; i < power; ++i)
+        value = MultiplyByX(value);
+    return static_cast<long long>(static_cast<uint64_t>(value) << 1);
+}
+
+// Moving 128 bits on by n bits multiplies their two halves by these powers.
+struct Distance {
+    long long low;
+    long long high;
+};
+constexpr Distance By512 = {PowerOfX(512 + 32), PowerOfX(512 - 32)};
+constexpr Distance By128 = {PowerOfX(128 + 32), PowerOfX(128 - 32)};
+
+RUVEL_CARRYLESS inline __m128i Load(const unsigned char* data)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(data));
+}
+
+RUVEL_CARRYLESS inline __m128i MoveOnto(__m128i sum, __m128i distance, __m128i next)
+{
+    __m128i low = _mm_clmulepi64_si128(sum, distance, 0x00);
+    __m128i high = _mm_clmulepi64_si128(sum, distance, 0x11);
+    return _mm_xor_si128(_mm_xor_si128(low, high), next);
+}
+} // namespace
+
+bool CheckSumKernels::HasCarryless()
+{
+    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
+}
+
+RUVEL_CARRYLESS unsigned int CheckSumKernels::FoldCarryless(unsigned int state, const unsigned char* data,
+                                                            size_t length)
+{
+    if (length < 64)
+        return FoldPortable(state, data, length);
+    // Four sums side by side, each 64 bytes behind its next: one alone would wait for its own product.
+    __m128i sums[4];
+    for (size_t i = 0; i < 4; ++i)
+        sums[i] = Load(data + 16 * i);
+    sums[0] = _mm_xor_si128(sums[0], _mm_cvtsi32_si128(static_cast<int>(state)));
+    data += 64;
+    length -= 64;
+    __m128i distance = _mm_set_epi64x(By512.high, By512.low);
+    for (; length >= 64; data += 64, length -= 64) {
+        for (size_t i = 0; i < 4; ++i)
+            sums[i] = MoveOnto(sums[i], distance, Load(data + 16 * i));
+    }
+    distance = _mm_set_epi64x(By128.high, By128.low);
+    __m128i sum = MoveOnto(sums[0], distance, sums[1]);
+    sum = MoveOnto(sum, distance, sums[2]);
+    sum = MoveOnto(sum, distance, sums[3]);
+    // The sum stands for all bytes before it: folding it in as bytes from state 0 completes the division.
+    unsigned char last[16];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(last), sum);
+    return FoldPortable(FoldPortable(0, last, sizeof last), data, length);
+}
+
+#else
+
+bool CheckSumKernels::HasCarryless()
+{
+    return false;
+}
+
+unsigned int CheckSumKernels::FoldCarryless(unsigned int state, const unsigned char* data, size_t length)
+{
+    return FoldPortable(state, data, length);
+}
+
+#endif
+
+void CheckSum::Update(const void* data, unsigned int length)
+{
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    if (length >= CarrylessMinimum && CheckSumKernels::HasCarryless())
+        state_ = CheckSumKernels::FoldCarryless(state_, bytes, length);
+    else
+        state_ = CheckSumKernels::FoldPortable(state_, bytes, length);
+}
