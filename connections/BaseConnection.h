@@ -17,7 +17,7 @@ class BaseConnection : public Connection
 {
 public:
     /** `passiveHostInfo` is the daemon's own address for passive connections, borrowed; may be null. */
-    explicit BaseConnection(const sockaddr_in* passiveHostInfo) : passiveHostInfo_(passiveHostInfo) {}
+    explicit BaseConnection(const sockaddr_in* passiveHostInfo);
     ~BaseConnection() override;
 
     /** To be called once, right after construction; `host` and `port` are the daemon's. Begins the life. */

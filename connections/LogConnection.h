@@ -3,6 +3,8 @@
 #include "connections/BaseConnection.h"
 #include "connections/ThreadOrProcessConnection.h"
 
+class OpenFile;
+
 /**
  * The delivery of a finished command's log and exit code to its client, by a worker: over the client's own
  * request socket, or, for a passive launch, over a data connection that the worker opens to the client.
@@ -47,11 +49,9 @@ public:
 
 private:
     int DeliverPassively();
-    int ConnectToClient();
     int AttemptConnection();
-    int WriteOnDataSocket(const QORUnicodeString& text);
-    void TransferWhole(BaseSocket& socket, int log, long long size);
-    void TransferStream(BaseSocket& socket, int log);
+    void TransferWhole(BaseSocket& socket, OpenFile& log, const long long& fileSize);
+    void TransferStream(BaseSocket& socket, OpenFile& log);
     void SendFramed(BaseSocket& socket, const QORUnicodeString& line) const;
 
     int number_;

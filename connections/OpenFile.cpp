@@ -1,0 +1,67 @@
+#include "connections/OpenFile.h"
+
+#include <cerrno>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+OpenFile::OpenFile(OpenFile&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept
+{
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+}
+
+OpenFile::~OpenFile()
+{
+    Close();
+}
+
+long long OpenFile::GetSize() const
+{
+    struct stat status;
+    return fstat(descriptor_, &status) == 0 ? status.st_size : -1;
+}
+
+long OpenFile::Read(char* buffer, std::size_t length)
+{
+    std::size_t count = 0;
+    while (count < length) {
+        const ssize_t got = read(descriptor_, buffer + count, length - count);
+        if (got == 0)
+            break;
+        if (got < 0 && errno != EINTR)
+            return -1;
+        if (got > 0)
+            count += static_cast<std::size_t>(got);
+    }
+    return static_cast<long>(count);
+}
+
+int OpenFile::Write(const char* buffer, std::size_t length)
+{
+    while (length > 0) {
+        const ssize_t put = write(descriptor_, buffer, length);
+        if (put < 0 && errno != EINTR)
+            return -1;
+        if (put > 0) {
+            buffer += put;
+            length -= static_cast<std::size_t>(put);
+        }
+    }
+    return 0;
+}
+
+int OpenFile::Rewind()
+{
+    return lseek(descriptor_, 0, SEEK_SET) == 0 ? 0 : -1;
+}
+
+int OpenFile::Close()
+{
+    // Never repeated after EINTR: the descriptor is free by then.
+    const int descriptor = std::exchange(descriptor_, -1);
+    return descriptor < 0 || close(descriptor) == 0 || errno == EINTR ? 0 : -1;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+
+/**
+ * Owns the descriptor of one open file. Interrupted and short calls are handled inside; after a failure errno
+ * has the reason.
+ */
+class OpenFile
+{
+public:
+    explicit OpenFile(int descriptor = -1) : descriptor_(descriptor) {}
+    OpenFile(const OpenFile&) = delete;
+    OpenFile(OpenFile&& other) noexcept;
+    OpenFile& operator=(OpenFile&& other) noexcept;
+    ~OpenFile();
+
+    bool IsOpen() const { return descriptor_ >= 0; }
+    /** Size in bytes, or -1. */
+    long long GetSize() const;
+    /** Number of bytes read, fewer than `length` only at the end of the file; -1 on failure. */
+    long Read(char* buffer, std::size_t length);
+    /** 0 when everything was written, else -1. */
+    int Write(const char* buffer, std::size_t length);
+    /** 0 when the file is back at its start, else -1. */
+    int Rewind();
+    /** 0, or -1 when the system tells only now that what was written could not be kept. */
+    int Close();
+
+private:
+    int descriptor_;
+};

@@ -1,0 +1,169 @@
+#include "connections/ThreadOrProcessConnection.h"
+
+#include <cstdio>
+
+#include "connections/WorkerStatus.h"
+#include "protocol/ConnectionTexts.h"
+#include "support/BaseString.h"
+#include "support/ProcessSetup.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+namespace
+{
+constexpr unsigned StatusBoardSize = 4096;
+constexpr int ExitWithoutRoutine = 111;
+
+void TellForkFailure()
+{
+    // The daemon must not wait for whoever reads its error stream.
+    pollfd errors = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT) != 0)
+        perror("Error in _InitThreadOrProcess() : unable to create process");
+}
+
+/** The sockets themselves stay as they are: only this process' descriptors go. */
+void CloseDescriptors(QORListPtrBaseSocket* sockets)
+{
+    for (int i = 1; sockets != nullptr && i <= sockets->Size(); ++i) {
+        const BaseSocket* socket = (*sockets)[i];
+        if (socket != nullptr && socket->GetBaseSocketStatus() != 0)
+            close(socket->GetBaseSocketNumber());
+    }
+}
+} // namespace
+
+ThreadOrProcessConnection::~ThreadOrProcessConnection()
+{
+    ChildTable::Forget(worker_);
+}
+
+int ThreadOrProcessConnection::StartThreadOrProcess(QORListPtrBaseSocket& socketsToClose)
+{
+    if (_InitThreadOrProcess(worker_, &ThreadOrProcessConnection::ThreadOrProcessRoutine, &socketsToClose) ==
+        0)
+        return 0;
+    BaseString::PutTrace("Error in StartThreadOrProcess() : unable to start ThreadOrProcessRoutine", 1);
+    return 1;
+}
+
+int ThreadOrProcessConnection::CheckThreadOrProcess(int& status)
+{
+    return _CheckThreadOrProcess(worker_, status);
+}
+
+int ThreadOrProcessConnection::WaitThreadOrProcess(int& status, const int& timeOut)
+{
+    return _WaitThreadOrProcess(worker_, status, timeOut);
+}
+
+int ThreadOrProcessConnection::TerminateThreadOrProcess(const int& force)
+{
+    // One that the table calls ended is not signalled: its id may be another's by now.
+    if (worker_.IsNone() || !ChildTable::IsRunning(worker_))
+        return 0;
+    if (kill(static_cast<pid_t>(worker_.processId), force != 0 ? SIGKILL : SIGTERM) == 0)
+        return 0;
+    BaseString::PutTrace("Error in TerminateThreadOrProcess() : unable to kill process", 1);
+    return 1;
+}
+
+void ThreadOrProcessConnection::ResetThreadOrProcess()
+{
+    ChildTable::Forget(worker_);
+    worker_ = ChildId();
+}
+
+int ThreadOrProcessConnection::_InitThreadOrProcess(ChildId& worker,
+                                                    int (ThreadOrProcessConnection::*routine)(),
+                                                    QORListPtrBaseSocket* socketsToClose)
+{
+    MakeStatusBoard();
+    if (!worker.IsNone())
+        return 0;
+    ChildTable::Prepare();
+    const pid_t daemonProcessId = getpid();
+    const pid_t processId = fork();
+    if (processId < 0) {
+        TellForkFailure();
+        return 1;
+    }
+    if (processId == 0)
+        RunInWorker(routine, socketsToClose, daemonProcessId);
+    worker = ChildTable::Enter(processId);
+    return 0;
+}
+
+void ThreadOrProcessConnection::MakeStatusBoard()
+{
+    if (statusBoard_ != nullptr || boardUse_ == BoardUse::WithoutBoard)
+        return;
+    statusBoard_ = std::make_unique<WriterReader>(StatusBoardSize);
+    if (statusBoard_->GetStatus() == -1)
+        statusBoard_.reset();
+}
+
+void ThreadOrProcessConnection::RunInWorker(int (ThreadOrProcessConnection::*routine)(),
+                                            QORListPtrBaseSocket* socketsToClose, long daemonProcessId)
+{
+    // Signals first: an end asked for in the meantime takes effect here. Then nothing of the daemon's: its
+    // terminal group, its children, its clients.
+    ProcessSetup::RestoreInChild(false);
+    setpgid(0, 0);
+    ChildTable::Clear();
+    CloseDescriptors(socketsToClose);
+    ProcessSetup::CloseAllDescriptorsBut(GetSocket().GetBaseSocketNumber());
+    if (routine == nullptr)
+        _exit(ExitWithoutRoutine);
+    const int result = (this->*routine)();
+    if (GetSocket().GetBaseSocketStatus() != 0)
+        close(GetSocket().GetBaseSocketNumber());
+    // The board is the daemon's to remove, unless the daemon has gone before its worker.
+    if (getppid() != daemonProcessId)
+        statusBoard_.reset();
+    // Not exit(): what the daemon has registered or not yet flushed is the daemon's.
+    _exit(result);
+}
+
+int ThreadOrProcessConnection::_CheckThreadOrProcess(ChildId& worker, int& status)
+{
+    status = 0;
+    if (worker.IsNone())
+        return 1;
+    int waitStatus = 0;
+    const ChildState state = ChildTable::Ask(worker, waitStatus);
+    if (state == ChildState::Running)
+        return 0;
+    if (state == ChildState::Unknown)
+        BaseString::PutTrace("Error in _CheckThreadOrProcess() : waitpid failed", 1);
+    worker = ChildId();
+    status = state == ChildState::Ended ? WorkerStatus::AfterCheck(waitStatus) : WorkerStatus::NotReaped;
+    lastStatus_ = status;
+    return 1;
+}
+
+int ThreadOrProcessConnection::_WaitThreadOrProcess(ChildId& worker, int& status, const int& timeOut)
+{
+    status = 0;
+    if (worker.IsNone())
+        return 1;
+    int waitStatus = 0;
+    const ChildState state = ChildTable::Wait(worker, waitStatus, timeOut < 0 ? -1 : timeOut * 1000LL);
+    if (state == ChildState::Running)
+        return 0;
+    if (state == ChildState::Unknown)
+        BaseString::PutTrace("Error in _WaitThreadOrProcess() : waitpid failed", 1);
+    worker = ChildId();
+    status = state == ChildState::Ended ? WorkerStatus::AfterWait(waitStatus) : WorkerStatus::NotReaped;
+    lastStatus_ = status;
+    return 1;
+}
+
+void ThreadOrProcessConnection::AppendStatus(QORUnicodeString& line, long long& limitMicroseconds) const
+{
+    QORUnicodeString status;
+    if (statusBoard_ != nullptr && statusBoard_->Read(status, limitMicroseconds) > 0)
+        line.Append(protocol::StatusAttribute(status.View()));
+}
