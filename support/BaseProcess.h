@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "support/Account.h"
 #include "support/BaseSocket.h"
 #include "support/ChildTable.h"
 #include "support/ProcessTree.h"
@@ -28,6 +29,10 @@ class BaseProcess
 {
 public:
     static constexpr const char* MarkName = "RUVELSERVER_MARK";
+    /** The reason of every refusal of a user: it must not tell whether the user exists. */
+    static constexpr const char* UserRefusedReason = "Error bad user or password";
+    /** Exit code of a command that the table of children knows nothing of: its end went unseen. */
+    static constexpr int UnseenEnd = 777;
 
     BaseProcess() = default;
     BaseProcess(const BaseProcess&) = delete;
@@ -53,12 +58,18 @@ public:
                                        QORListPtrBaseSocket* socketsToClose, const int& window,
                                        const int& interactive);
 
+    /** Standard input comes from this file; /dev/null unless set. */
     void SetInputFileName(const QORUnicodeString& name) { inputFileName_ = name; }
-    /** Standard output and error both go to this file, which must not exist before the start. */
+    /** Standard output and error both go to this file: a new one of the command's user, mode 0600, in place
+     * of an old one. What else stands there makes the start fail. */
     void SetOutputAndErrorFileName(const QORUnicodeString& name) { outputFileName_ = name; }
     const QORUnicodeString& GetOutputFileName() const { return outputFileName_; }
     /** The started command's process id, 0 before the start and after ResetBeforeDestruction(). */
     int GetProcessId() const { return processId_; }
+
+    /** The user id that the command was started under, which its output file belongs to; nobody's (-1) as
+     * long as no start has succeeded. */
+    uid_t GetUserId() const { return userId_; }
 
     /** Says that the user's password has been checked already: the start calls do not check it again. */
     void SetUserVerified() { userVerified_ = true; }
@@ -99,14 +110,21 @@ public:
     int RestoreUser(long& savedUserId, long& savedGroupId, long* savedGroups, int& savedGroupCount);
 
 private:
+    int Start(const QORUnicodeString& command, const Account* account, const BaseSocket* socket);
+    int StartAsUser(const QORUnicodeString& command, const QORUnicodeString& user,
+                    const QORUnicodeString& password, const BaseSocket* socket);
+    int Launch(const QORUnicodeString& command, const Account* account, int input, int output);
+    int Fail(std::string reason);
+    void NoteEnd(ChildState state, int waitStatus);
+
     ChildId child_;
     int processId_ = 0;
     int exitCode_ = 0;
     bool ended_ = false;
     bool userVerified_ = false;
-    QORUnicodeString inputFileName_;
+    uid_t userId_ = static_cast<uid_t>(-1);
+    QORUnicodeString inputFileName_ = "/dev/null";
     QORUnicodeString outputFileName_;
     std::string lastError_;
-    std::string mark_;
     ProcessTree tree_;
 };

@@ -1,1 +1,157 @@
 #include "support/ChildTable.h"
+
+#include <algorithm>
+#include <climits>
+#include <unordered_map>
+
+#include "support/Clock.h"
+#include "support/PidDescriptor.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+struct Record {
+    unsigned long long serial = 0;
+    bool ended = false;
+    int waitStatus = 0;
+};
+
+// Keyed by process id, which is what waitpid() tells. An id may occur several times: once as running, and
+// for each earlier child that had it and has ended without having been asked for.
+using Records = std::unordered_multimap<pid_t, Record>;
+
+Records records;
+Records::node_type spare; // the room that Prepare() made
+unsigned long long lastSerial = 0;
+int unaskedEnds = 0;
+
+constexpr int BlindPollMilliseconds = 10; // between two looks at a child for which no pidfd could be had
+
+Records::iterator FindRunning(pid_t processId)
+{
+    const auto [begin, end] = records.equal_range(processId);
+    const auto found = std::find_if(begin, end, [](const auto& entry) { return !entry.second.ended; });
+    return found == end ? records.end() : found;
+}
+
+Records::iterator FindChild(const ChildId& child)
+{
+    const auto [begin, end] = records.equal_range(static_cast<pid_t>(child.processId));
+    const auto found =
+        std::find_if(begin, end, [&](const auto& entry) { return entry.second.serial == child.serial; });
+    return found == end ? records.end() : found;
+}
+
+/** Waits until the child ends, or for at most this long; it may return early. */
+void Doze(int pidDescriptor, long long milliseconds)
+{
+    if (pidDescriptor < 0)
+        milliseconds = milliseconds < 0 ? BlindPollMilliseconds
+                                        : std::min<long long>(milliseconds, BlindPollMilliseconds);
+    pollfd waiting{pidDescriptor, POLLIN, 0}; // a negative descriptor only waits
+    poll(&waiting, 1, static_cast<int>(std::min<long long>(milliseconds, INT_MAX)));
+}
+} // namespace
+
+namespace ChildTable
+{
+void Prepare()
+{
+    if (!spare.empty())
+        return;
+    records.reserve(records.size() + 2); // one for the spare itself, one for good: no later growth
+    spare = records.extract(records.emplace(0, Record()));
+}
+
+ChildId Enter(pid_t processId)
+{
+    Prepare();
+    spare.key() = processId;
+    spare.mapped() = Record{++lastSerial, false, 0};
+    records.insert(std::move(spare));
+    return ChildId{processId, lastSerial};
+}
+
+void Reap()
+{
+    int waitStatus = 0;
+    pid_t processId = 0;
+    while ((processId = waitpid(-1, &waitStatus, WNOHANG)) > 0) {
+        const auto found = FindRunning(processId);
+        if (found == records.end())
+            continue;
+        found->second.ended = true;
+        found->second.waitStatus = waitStatus;
+        ++unaskedEnds;
+    }
+}
+
+ChildState Ask(const ChildId& child, int& waitStatus)
+{
+    const auto found = FindChild(child);
+    if (found == records.end())
+        return ChildState::Unknown;
+    if (!found->second.ended)
+        return ChildState::Running;
+    waitStatus = found->second.waitStatus;
+    records.erase(found);
+    --unaskedEnds;
+    return ChildState::Ended;
+}
+
+ChildState Wait(const ChildId& child, int& waitStatus, long long limitMilliseconds)
+{
+    Reap();
+    ChildState state = Ask(child, waitStatus);
+    if (state != ChildState::Running || limitMilliseconds == 0)
+        return state;
+    const int pidDescriptor = PidDescriptor::Open(static_cast<pid_t>(child.processId));
+    const long long start = Clock::SteadyMilliseconds();
+    long long left = limitMilliseconds;
+    while (state == ChildState::Running && (limitMilliseconds < 0 || left > 0)) {
+        Doze(pidDescriptor, left);
+        Reap();
+        state = Ask(child, waitStatus);
+        if (limitMilliseconds >= 0)
+            left = limitMilliseconds - (Clock::SteadyMilliseconds() - start);
+    }
+    if (pidDescriptor >= 0)
+        close(pidDescriptor);
+    return state;
+}
+
+bool IsRunning(const ChildId& child)
+{
+    const auto found = FindChild(child);
+    return found != records.end() && !found->second.ended;
+}
+
+bool HoldsRunning(pid_t processId)
+{
+    return FindRunning(processId) != records.end();
+}
+
+void Forget(const ChildId& child)
+{
+    const auto found = FindChild(child);
+    if (found == records.end())
+        return;
+    if (found->second.ended)
+        --unaskedEnds;
+    records.erase(found);
+}
+
+int CountOfUnaskedEnds()
+{
+    return unaskedEnds;
+}
+
+void Clear()
+{
+    records.clear();
+    unaskedEnds = 0;
+}
+} // namespace ChildTable

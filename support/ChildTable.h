@@ -31,6 +31,9 @@ enum class ChildState {
  */
 namespace ChildTable
 {
+/** Makes room for one more child. Called before a fork, it lets memory run out while nothing has been
+ * started yet; the Enter() that follows cannot fail. */
+void Prepare();
 /** Enters a child that was just forked. Must come before the next Reap(). */
 ChildId Enter(pid_t processId);
 /** Collects, without blocking, every child that has ended. */

@@ -7,17 +7,25 @@
 namespace ProcessSetup
 {
 /**
- * Makes this process a supervisor: reaper of orphans; every signal disposition default; SIGCHLD, SIGTERM,
- * SIGINT, SIGPIPE, and SIGHUP unless it was ignored, blocked for life; soft limit of open files raised to
- * the hard one; umask 022. Returns a signalfd (close-on-exec, not blocking) for SIGCHLD, SIGTERM, SIGINT and
- * SIGHUP that the caller owns, or -1 with errno set.
+ * Makes this process a supervisor: descriptors 0, 1 and 2 open (on /dev/null where they were closed); reaper
+ * of orphans; no signal ignored but SIGHUP where it was; SIGCHLD, SIGTERM, SIGINT, SIGPIPE, and SIGHUP unless
+ * it was ignored, blocked for life; soft limit of open files raised to the hard one; umask 022. Called once,
+ * before anything else is opened. Returns a signalfd (close-on-exec, not blocking) for SIGCHLD, SIGTERM,
+ * SIGINT and SIGHUP that the caller owns, or -1 with errno set.
  */
 int BecomeSupervisor();
 
 /**
+ * For a process that holds passwords: no core file, no debugger, and no look into its memory or environment
+ * by anybody but root. Forked workers inherit it, commands do not. The entries below /proc/<id> that tell
+ * descriptors and environment then belong to root.
+ */
+void KeepMemoryPrivate();
+
+/**
  * Gives a forked child what it would have had without the supervisor: an empty signal mask, default
- * dispositions, the old limit of open files. Async-signal-safe: fit for a child that shares its parent's
- * memory. Workers keep the raised limit: `forCommand` false.
+ * dispositions; a command also the old limit of open files and a normal out-of-memory score. Workers keep
+ * the raised limit: `forCommand` false. Async-signal-safe: fit for a child that shares its parent's memory.
  */
 void RestoreInChild(bool forCommand);
 

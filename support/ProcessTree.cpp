@@ -1,1 +1,221 @@
 #include "support/ProcessTree.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <unordered_set>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include "support/Clock.h"
+#include "support/PidDescriptor.h"
+#include "support/ProcessFiles.h"
+
+namespace
+{
+constexpr long NapNanoseconds = 200000; // between two looks at a tree that is stopping
+constexpr int MostNaps = 25;            // 5 ms in all: a member may be unable to stop for as long as it likes
+constexpr long long MostMilliseconds = 100; // for a tree that grows as fast as it is stopped
+// What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
+constexpr std::size_t MostPidDescriptors = 1024;
+
+void Nap()
+{
+    const timespec nap{0, NapNanoseconds};
+    nanosleep(&nap, nullptr);
+}
+} // namespace
+
+/**
+ * One search for members, each of which is held and stopped as soon as it is found. An id that was read
+ * from a list may belong to another process a moment later, so that a member is taken in only after it has
+ * been proved, with the pidfd in hand, to be still there and still the child of a member that is there.
+ */
+class ProcessTree::Search
+{
+public:
+    explicit Search(ProcessTree& tree);
+
+    /** One walk over the tree. True when it found nothing new, and nothing had moved meanwhile. */
+    bool FindNothingNew();
+    bool AreAllStill() const;
+
+private:
+    bool IsSessionStillTheirs() const;
+    bool IsOfTheTree(pid_t orphan);
+    void Hold(pid_t processId, const Member* parent);
+
+    ProcessTree& tree_;
+    bool sessionIsTheirs_;
+    bool quiet_ = true;
+    std::unordered_set<pid_t> members_;
+    std::unordered_set<pid_t> strangers_; // orphans that have been looked at: once a search is enough
+};
+
+ProcessTree::Search::Search(ProcessTree& tree) : tree_(tree), sessionIsTheirs_(IsSessionStillTheirs())
+{
+    for (const Member& member : tree_.members_) {
+        members_.insert(member.processId);
+        Send(member, SIGSTOP);
+    }
+}
+
+/** A session id is reused like any other once the session's last process has gone. */
+bool ProcessTree::Search::IsSessionStillTheirs() const
+{
+    if (ChildTable::IsRunning(tree_.command_))
+        return true;
+    return std::any_of(tree_.members_.begin(), tree_.members_.end(), [&](const Member& member) {
+        ProcessStatus status;
+        return ProcessFiles::ReadStatus(member.processId, status) &&
+               status.session == tree_.command_.processId && status.startTime == member.startTime;
+    });
+}
+
+bool ProcessTree::Search::IsOfTheTree(pid_t orphan)
+{
+    ProcessStatus status;
+    if (!ProcessFiles::ReadStatus(orphan, status))
+        return false;
+    return (sessionIsTheirs_ && status.session == tree_.command_.processId) ||
+           ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_);
+}
+
+/** `parent` null: a child of this process, whose id stays its own because nobody else reaps it. */
+void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
+{
+    const bool wantsDescriptor = tree_.members_.size() < MostPidDescriptors;
+    Member member{processId, FileDescriptor(wantsDescriptor ? PidDescriptor::Open(processId) : -1), 0};
+    ProcessStatus status;
+    if (!ProcessFiles::ReadStatus(processId, status))
+        return;
+    member.startTime = status.startTime;
+    if (parent != nullptr &&
+        (status.parent != parent->processId || Send(*parent, 0) != 0 || Send(member, 0) != 0)) {
+        quiet_ = false; // it has lost its parent just now: to be found among the orphans
+        return;
+    }
+    quiet_ = false;
+    members_.insert(processId);
+    Send(member, SIGSTOP);
+    tree_.members_.push_back(std::move(member));
+}
+
+bool ProcessTree::Search::FindNothingNew()
+{
+    quiet_ = true;
+    ChildrenReader reader;
+    const auto command = static_cast<pid_t>(tree_.command_.processId);
+    if (ChildTable::IsRunning(tree_.command_) && !members_.contains(command))
+        Hold(command, nullptr);
+    for (const pid_t child : reader.ListChildren(getpid())) {
+        // Another command or a worker is no orphan, whatever it bears.
+        if (members_.contains(child) || strangers_.contains(child) || ChildTable::HoldsRunning(child))
+            continue;
+        if (IsOfTheTree(child))
+            Hold(child, nullptr);
+        else
+            strangers_.insert(child);
+    }
+    // Members found here are walked too: they join at the end.
+    for (std::size_t i = 0; i < tree_.members_.size(); ++i)
+        for (const pid_t child : reader.ListChildren(tree_.members_[i].processId))
+            if (child > 1 && child != getpid() && !members_.contains(child))
+                Hold(child, &tree_.members_[i]);
+    return quiet_;
+}
+
+bool ProcessTree::Search::AreAllStill() const
+{
+    return std::all_of(tree_.members_.begin(), tree_.members_.end(),
+                       [](const Member& member) { return ProcessFiles::IsStill(member.processId); });
+}
+
+ProcessTree::ProcessTree(const ChildId& command, std::string mark) : command_(command), mark_(std::move(mark))
+{
+}
+
+ProcessTree::ProcessTree(ProcessTree&& other) noexcept
+{
+    *this = std::move(other);
+}
+
+ProcessTree& ProcessTree::operator=(ProcessTree&& other) noexcept
+{
+    command_ = std::exchange(other.command_, ChildId());
+    mark_ = std::exchange(other.mark_, std::string());
+    lastSignal_ = std::exchange(other.lastSignal_, 0);
+    members_ = std::exchange(other.members_, std::vector<Member>());
+    return *this;
+}
+
+/** 0, also when this process may not signal the member; -1 when the member is gone. */
+int ProcessTree::Send(const Member& member, int signal)
+{
+    int result = -1;
+    if (member.pidDescriptor.IsOpen()) {
+        result = PidDescriptor::SendSignal(member.pidDescriptor.Number(), signal);
+    } else {
+        ProcessStatus status;
+        if (!ProcessFiles::ReadStatus(member.processId, status) || status.startTime != member.startTime)
+            return -1;
+        result = kill(member.processId, signal);
+    }
+    return result == 0 || errno == EPERM ? 0 : -1;
+}
+
+bool ProcessTree::HasEnded(const Member& member)
+{
+    if (member.pidDescriptor.IsOpen()) {
+        pollfd ending{member.pidDescriptor.Number(), POLLIN, 0};
+        return poll(&ending, 1, 0) == 1;
+    }
+    ProcessStatus status;
+    return !ProcessFiles::ReadStatus(member.processId, status) || status.startTime != member.startTime ||
+           status.HasEnded();
+}
+
+void ProcessTree::LetGoOfEnded()
+{
+    std::erase_if(members_, HasEnded);
+}
+
+void ProcessTree::Signal(int signal)
+{
+    if (command_.IsNone())
+        return;
+    lastSignal_ = signal;
+    LetGoOfEnded();
+    Search search(*this);
+    const long long start = Clock::SteadyMilliseconds();
+    int naps = 0;
+    for (;;) {
+        // A tree that stood still before a walk, and in which the walk found nobody new, is complete.
+        const bool still = search.AreAllStill();
+        const bool complete = search.FindNothingNew();
+        if ((still && complete) || Clock::SteadyMilliseconds() - start > MostMilliseconds)
+            break;
+        if (complete && ++naps > MostNaps)
+            break;
+        if (complete)
+            Nap();
+    }
+    for (const Member& member : members_)
+        Send(member, signal);
+    // Everything but a forced end waits until the process runs again.
+    for (const Member& member : members_)
+        Send(member, SIGCONT);
+}
+
+int ProcessTree::CountAlive()
+{
+    const bool hadMembers = !members_.empty();
+    LetGoOfEnded();
+    if (hadMembers && members_.empty()) {
+        Signal(lastSignal_);
+        LetGoOfEnded();
+    }
+    return static_cast<int>(members_.size());
+}

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "support/ChildTable.h"
+#include "support/FileDescriptor.h"
 
 /**
  * A command and everything that descends from it, held so that it can be ended for certain.
@@ -22,9 +23,10 @@ public:
     ProcessTree() = default;
     /** `mark` is the whole environment entry (NAME=value) that the command was started with. */
     ProcessTree(const ChildId& command, std::string mark);
+    /** The tree moved from is empty: it finds and signals nothing. */
     ProcessTree(ProcessTree&& other) noexcept;
     ProcessTree& operator=(ProcessTree&& other) noexcept;
-    ~ProcessTree();
+    ~ProcessTree() = default;
 
     /**
      * Stops the tree from the top until no new member appears, sends every member `signal`, and lets them
@@ -32,17 +34,27 @@ public:
      * signalled all the same. May be called again; members found before are kept.
      */
     void Signal(int signal);
-    /** Number of members found so far that are still alive; those that have ended are let go. */
+    /**
+     * Number of members found so far that are still alive; those that have ended are let go. When the last
+     * one has, it looks once more for what they may have left behind, which gets the last signal too. 0
+     * before the first Signal().
+     */
     int CountAlive();
 
 private:
     struct Member {
         pid_t processId;
-        int pidDescriptor;            // -1 when none could be had
+        FileDescriptor pidDescriptor; // none when none could be had
         unsigned long long startTime; // clock ticks since boot, tells a reused id
     };
+    class Search;
+
+    static int Send(const Member& member, int signal);
+    static bool HasEnded(const Member& member);
+    void LetGoOfEnded();
 
     ChildId command_;
     std::string mark_;
-    std::vector<Member> members_;
+    int lastSignal_ = 0;
+    std::vector<Member> members_; // in the order in which they were found, parents first
 };

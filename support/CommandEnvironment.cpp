@@ -1,0 +1,46 @@
+#include "support/CommandEnvironment.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include <unistd.h>
+
+namespace
+{
+// A name, or with '=' left out the beginning of one.
+constexpr std::string_view PassedToUsers[] = {"RUVELSERVER_TMP=", "LANG=", "LANGUAGE=", "LC_", "TZ="};
+
+constexpr const char* UserPath = "PATH=/usr/local/bin:/usr/bin:/bin";
+constexpr const char* RootPath = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+bool IsPassedToUsers(std::string_view entry)
+{
+    return std::any_of(std::begin(PassedToUsers), std::end(PassedToUsers),
+                       [&](std::string_view beginning) { return entry.starts_with(beginning); });
+}
+} // namespace
+
+CommandEnvironment::CommandEnvironment(const std::string& mark)
+{
+    const std::string_view name = std::string_view(mark).substr(0, mark.find('=') + 1);
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        // A process that was itself started with a mark has one already.
+        if (!std::string_view(*entry).starts_with(name))
+            entries_.push_back(*entry);
+    entries_.push_back(mark.c_str());
+    entries_.push_back(nullptr);
+}
+
+CommandEnvironment::CommandEnvironment(const std::string& mark, const Account& account)
+{
+    const std::string shell = account.shell.empty() ? "/bin/sh" : account.shell;
+    made_ = {"HOME=" + account.home, "USER=" + account.name, "LOGNAME=" + account.name, "SHELL=" + shell};
+    for (const std::string& entry : made_)
+        entries_.push_back(entry.c_str());
+    entries_.push_back(account.userId == 0 ? RootPath : UserPath);
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        if (IsPassedToUsers(*entry))
+            entries_.push_back(*entry);
+    entries_.push_back(mark.c_str());
+    entries_.push_back(nullptr);
+}

@@ -1,0 +1,159 @@
+#include "support/ProcessFiles.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "support/FileDescriptor.h"
+
+namespace
+{
+constexpr std::size_t LongestStatus = 4096;
+constexpr std::size_t LongestChildrenList = 4194304; // ids, as text: more than a machine has processes
+// Far more than an ordinary environment; a hostile one is not read to its end.
+constexpr std::size_t LongestEnvironment = 262144;
+
+/** At most `limit` bytes of the file; empty when it cannot be read. */
+std::string ReadFile(const std::string& name, std::size_t limit)
+{
+    const FileDescriptor file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string content;
+    if (!file.IsOpen())
+        return content;
+    std::size_t length = 0;
+    ssize_t count = 0;
+    do {
+        length += static_cast<std::size_t>(count);
+        content.resize(std::min(limit, std::max(LongestStatus, length * 2)));
+        count = read(file.Number(), content.data() + length, content.size() - length);
+    } while (count > 0);
+    content.resize(length);
+    return content;
+}
+
+std::string FolderOf(pid_t processId)
+{
+    return "/proc/" + std::to_string(processId);
+}
+
+std::string FolderOf(pid_t processId, pid_t thread)
+{
+    return FolderOf(processId) + "/task/" + std::to_string(thread);
+}
+
+/** The names in a folder that are ids. */
+std::vector<pid_t> ListIds(const std::string& folder)
+{
+    std::vector<pid_t> ids;
+    DIR* const directory = opendir(folder.c_str());
+    if (directory == nullptr)
+        return ids;
+    while (const dirent* entry = readdir(directory)) {
+        const std::string_view name = entry->d_name;
+        pid_t id = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), id).ec == std::errc())
+            ids.push_back(id);
+    }
+    closedir(directory);
+    return ids;
+}
+
+std::vector<pid_t> ListThreads(pid_t processId)
+{
+    ProcessStatus status;
+    // Most have one thread: that spares reading the folder.
+    if (ProcessFiles::ReadStatus(processId, status) && status.threads == 1)
+        return {processId};
+    return ListIds(FolderOf(processId) + "/task");
+}
+
+bool ParseStatus(const std::string& line, ProcessStatus& status)
+{
+    // The second field is the program's name in parentheses, which may hold blanks and parentheses too.
+    const std::size_t nameEnd = line.rfind(')');
+    if (nameEnd == std::string::npos)
+        return false;
+    constexpr const char* fields = ") %c %d %*d %d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %d "
+                                   "%*d %llu";
+    return sscanf(line.c_str() + nameEnd, fields, &status.state, &status.parent, &status.session,
+                  &status.threads, &status.startTime) == 5;
+}
+} // namespace
+
+namespace ProcessFiles
+{
+bool ReadStatus(pid_t processId, ProcessStatus& status)
+{
+    return ParseStatus(ReadFile(FolderOf(processId) + "/stat", LongestStatus), status);
+}
+
+bool IsStill(pid_t processId)
+{
+    ProcessStatus status;
+    if (!ReadStatus(processId, status))
+        return true;
+    if (status.threads <= 1)
+        return status.IsStill();
+    const std::vector<pid_t> threads = ListIds(FolderOf(processId) + "/task");
+    return std::all_of(threads.begin(), threads.end(), [&](pid_t thread) {
+        return !ParseStatus(ReadFile(FolderOf(processId, thread) + "/stat", LongestStatus), status) ||
+               status.IsStill();
+    });
+}
+
+bool HasEnvironmentEntry(pid_t processId, std::string_view entry)
+{
+    // Every entry ends with a NUL; a NUL in front of the first makes all of them look alike.
+    const std::string environment = '\0' + ReadFile(FolderOf(processId) + "/environ", LongestEnvironment);
+    const std::string whole = '\0' + std::string(entry) + '\0';
+    return environment.find(whole) != std::string::npos;
+}
+} // namespace ProcessFiles
+
+ChildrenReader::ChildrenReader(Source source)
+    : byList_(source == Source::Automatic &&
+              access((FolderOf(getpid(), getpid()) + "/children").c_str(), R_OK) == 0)
+{
+}
+
+std::vector<pid_t> ChildrenReader::ListChildren(pid_t parent)
+{
+    std::vector<pid_t> children;
+    if (byList_) {
+        // Each thread has the children that it made itself.
+        for (const pid_t thread : ListThreads(parent)) {
+            const std::string list = ReadFile(FolderOf(parent, thread) + "/children", LongestChildrenList);
+            const char* next = list.data();
+            const char* const end = next + list.size();
+            for (pid_t id = 0; next < end; ++next) { // ids, a blank behind each
+                const auto [stop, error] = std::from_chars(next, end, id);
+                if (error != std::errc())
+                    break;
+                children.push_back(id);
+                next = stop;
+            }
+        }
+        return children;
+    }
+    if (!allRead_)
+        ReadAllProcesses();
+    const auto first = std::lower_bound(parentAndChild_.begin(), parentAndChild_.end(), std::pair(parent, 0));
+    for (auto entry = first; entry != parentAndChild_.end() && entry->first == parent; ++entry)
+        children.push_back(entry->second);
+    return children;
+}
+
+void ChildrenReader::ReadAllProcesses()
+{
+    allRead_ = true;
+    ProcessStatus status;
+    for (const pid_t processId : ListIds("/proc"))
+        if (ProcessFiles::ReadStatus(processId, status))
+            parentAndChild_.emplace_back(status.parent, processId);
+    std::sort(parentAndChild_.begin(), parentAndChild_.end());
+}
