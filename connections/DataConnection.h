@@ -11,9 +11,12 @@ namespace DataConnection
 constexpr int AttemptTimeOut = 30;
 constexpr int PauseBetweenAttempts = 30;
 
+/** Results of an attempt; GiveUp: another one would be of no use. */
+enum AttemptResult { Connected = 0, Failed = 1, GiveUp = 2 };
+
 /**
- * Makes up to `attempts` attempts with the pause between them, none after the last: 0 as soon as one
- * results in 0, else 1.
+ * Makes up to `attempts` attempts with the pause between them, none after the last: the last one's
+ * AttemptResult.
  */
 template <class Attempt>
 int Retry(int attempts, Attempt attempt);
@@ -38,11 +41,11 @@ void CloseInOrder(BaseSocket& socket);
 template <class Attempt>
 int DataConnection::Retry(int attempts, Attempt attempt)
 {
-    for (int i = 1; i <= attempts; ++i) {
-        if (attempt() == 0)
-            return 0;
-        if (i < attempts)
+    int result = Failed;
+    for (int i = 1; i <= attempts && result == Failed; ++i) {
+        if (i > 1)
             Pause();
+        result = attempt();
     }
-    return 1;
+    return result;
 }

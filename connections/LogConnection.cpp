@@ -12,27 +12,10 @@
 #include "protocol/ConnectionTexts.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
+#include "support/LogFile.h"
 
 namespace
 {
-int OpenLogFileForReading(const QORUnicodeString& path, uid_t owner, QORUnicodeString& error)
-{
-    const int descriptor =
-        open(path.ConvertToChar(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat status;
-    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
-        error = strerror(errno);
-        return -1;
-    }
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == owner)
-        return descriptor;
-    error = "not the log";
-    return -1;
-}
-
 constexpr int ConnectionAttempts = 30;
 constexpr int FirstStreamingVersion = 9; // clients before it expect the log as one piece
 constexpr long long WholeLogLimit = 10240000;
@@ -124,8 +107,8 @@ int LogConnection::Transfer(BaseSocket& socket)
 {
     complete_ = 1;
     // Opened once: all that is checked and read is this file, whatever its name comes to stand for.
-    QORUnicodeString error;
-    OpenFile log(OpenLogFileForReading(outputFileName_, outputFileOwner_, error));
+    std::string error;
+    OpenFile log(LogFile::OpenForReading(std::string(outputFileName_.View()), outputFileOwner_, error));
     if (!log.IsOpen()) {
         BaseString::PutTrace("Error unable to check file...(", outputFileName_, ") : ", 0);
         BaseString::PutTrace(error, 1);
@@ -133,7 +116,7 @@ int LogConnection::Transfer(BaseSocket& socket)
         SendFramed(socket, line.Append(error).Append("\n"));
         return 0;
     }
-    const long long size = log.GetSize();
+    const long long size = log.FindSize();
     if (size == -1) {
         BaseString::PutTrace("Error unable to get file stat...(", outputFileName_, ")", 1);
         SendFramed(socket, protocol::LogWithoutSize);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,10 +20,16 @@ OpenFile::~OpenFile()
     Close();
 }
 
-long long OpenFile::GetSize() const
+long long OpenFile::FindSize()
+{
+    const long long size = lseek(descriptor_, 0, SEEK_END);
+    return size >= 0 && Rewind() == 0 ? size : -1;
+}
+
+bool OpenFile::IsRegular() const
 {
     struct stat status;
-    return fstat(descriptor_, &status) == 0 ? status.st_size : -1;
+    return fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 long OpenFile::Read(char* buffer, std::size_t length)
@@ -57,6 +64,12 @@ int OpenFile::Write(const char* buffer, std::size_t length)
 int OpenFile::Rewind()
 {
     return lseek(descriptor_, 0, SEEK_SET) == 0 ? 0 : -1;
+}
+
+int OpenFile::SetBlocking()
+{
+    const int flags = fcntl(descriptor_, F_GETFL);
+    return flags != -1 && fcntl(descriptor_, F_SETFL, flags & ~O_NONBLOCK) == 0 ? 0 : -1;
 }
 
 int OpenFile::Close()

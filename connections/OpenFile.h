@@ -15,15 +15,19 @@ public:
     OpenFile& operator=(OpenFile&& other) noexcept;
     ~OpenFile();
 
+    int Number() const { return descriptor_; }
     bool IsOpen() const { return descriptor_ >= 0; }
-    /** Size in bytes, or -1. */
-    long long GetSize() const;
+    /** Size in bytes, or -1; the file is at its start then. */
+    long long FindSize();
+    bool IsRegular() const;
     /** Number of bytes read, fewer than `length` only at the end of the file; -1 on failure. */
     long Read(char* buffer, std::size_t length);
     /** 0 when everything was written, else -1. */
     int Write(const char* buffer, std::size_t length);
     /** 0 when the file is back at its start, else -1. */
     int Rewind();
+    /** Takes O_NONBLOCK off what was opened with it: 0, else -1. */
+    int SetBlocking();
     /** 0, or -1 when the system tells only now that what was written could not be kept. */
     int Close();
 

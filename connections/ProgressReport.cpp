@@ -9,6 +9,15 @@ namespace
 constexpr long long UpdateMilliseconds = 100;
 } // namespace
 
+bool UpdatePace::IsDue()
+{
+    const long long now = Clock::SteadyMilliseconds();
+    if (now < next_)
+        return false;
+    next_ = now + UpdateMilliseconds;
+    return true;
+}
+
 ProgressReport::ProgressReport(WriterReader* board, std::string_view lead) : board_(board), lead_(lead)
 {
     total_.StartOfCount();
@@ -16,13 +25,8 @@ ProgressReport::ProgressReport(WriterReader* board, std::string_view lead) : boa
 
 void ProgressReport::Update(const long long& bytes)
 {
-    if (board_ == nullptr)
-        return;
-    const long long now = Clock::SteadyMilliseconds();
-    if (now < nextUpdate_)
-        return;
-    nextUpdate_ = now + UpdateMilliseconds;
-    Publish(bytes);
+    if (board_ != nullptr && pace_.IsDue())
+        Publish(bytes);
 }
 
 void ProgressReport::Finish(const long long& bytes)

@@ -6,9 +6,19 @@
 
 class WriterReader;
 
+/** Says when it is time for another update: not so soon after the last one that nobody could see it. */
+class UpdatePace
+{
+public:
+    bool IsDue();
+
+private:
+    long long next_ = 0; // on the clock of Clock::SteadyMilliseconds()
+};
+
 /**
  * Publishes how far a worker has come on its status board: bytes, time and rate. Used by the worker only.
- * Updates that follow each other too closely to be seen are left out, so that it can be told of each block.
+ * It can be told of each block: most updates are left out.
  */
 class ProgressReport
 {
@@ -26,5 +36,5 @@ private:
     WriterReader* board_;
     std::string_view lead_;
     ConnectionPerfo total_;
-    long long nextUpdate_ = 0; // on the clock of Clock::SteadyMilliseconds()
+    UpdatePace pace_;
 };

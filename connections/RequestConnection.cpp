@@ -2,16 +2,6 @@
 
 #include <cstring>
 
-namespace
-{
-void Wipe(QORUnicodeString& text)
-{
-    // The text's own memory, not a copy's: freed memory keeps what was in it.
-    explicit_bzero(const_cast<char*>(text.ConvertToChar()), text.View().size());
-    text.Reset();
-}
-} // namespace
-
 RequestConnection::~RequestConnection()
 {
     WipeCredentials();
@@ -23,7 +13,7 @@ void RequestConnection::SetPeer(const sockaddr_in& address, const long long& acc
     acceptedMilliseconds_ = acceptedMilliseconds;
 }
 
-void RequestConnection::SetCredentials(const QORUnicodeString& user, const QORUnicodeString& password)
+void RequestConnection::SetCredentials(std::string_view user, std::string_view password)
 {
     WipeCredentials();
     user_ = user;
@@ -32,8 +22,9 @@ void RequestConnection::SetCredentials(const QORUnicodeString& user, const QORUn
 
 void RequestConnection::WipeCredentials()
 {
-    Wipe(user_);
-    Wipe(password_);
+    explicit_bzero(password_.data(), password_.size());
+    password_.clear();
+    user_.clear();
 }
 
 int RequestConnection::ThreadOrProcessRoutine()

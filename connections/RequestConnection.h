@@ -1,15 +1,16 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "connections/ThreadOrProcessConnection.h"
 
 #include <netinet/in.h>
 
 /**
- * An accepted client whose request has not been served yet: who it is, since when it waits, and what it has
- * sent so far. Its worker, where one is needed, checks the user's password and ends with the result: 0 good,
- * 1 refused. It has no status board.
+ * An accepted client whose request has not been served yet: who it is and since when it waits. Its worker,
+ * where one is needed, checks the user's password and ends with the result: 0 good, 1 refused. It has no
+ * status board.
  *
  * Owned by the server's list of requests. What it becomes takes its socket along.
  */
@@ -25,11 +26,9 @@ public:
     const sockaddr_in& GetPeerAddress() const { return peerAddress_; }
     /** On the clock of Clock::SteadyMilliseconds(). */
     const long long& GetAcceptedMilliseconds() const { return acceptedMilliseconds_; }
-    /** The bytes of the request that have arrived. */
-    std::string& GetReceived() { return received_; }
 
-    /** What the worker is to check. */
-    void SetCredentials(const QORUnicodeString& user, const QORUnicodeString& password);
+    /** What the worker is to check; copied here and nowhere else. */
+    void SetCredentials(std::string_view user, std::string_view password);
     /** Overwrites the credentials in memory; to be called as soon as the worker has been started. */
     void WipeCredentials();
 
@@ -38,9 +37,8 @@ public:
 private:
     sockaddr_in peerAddress_ = {};
     long long acceptedMilliseconds_ = 0;
-    std::string received_;
-    QORUnicodeString user_;
-    QORUnicodeString password_;
+    std::string user_;
+    std::string password_;
 };
 
 using QORListPtrRequestConnection = QORListPtr<RequestConnection>;

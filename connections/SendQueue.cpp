@@ -1,6 +1,7 @@
 #include "connections/SendQueue.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "support/BaseSocket.h"
 
@@ -9,6 +10,21 @@ namespace
 // What one send hands over, and what comes free at a time: as much as a socket usually takes at once.
 constexpr std::size_t PieceSize = 65536;
 } // namespace
+
+SendQueue::SendQueue(SendQueue&& other) noexcept
+    : pieces_(std::exchange(other.pieces_, {})),
+      sentOfFirst_(std::exchange(other.sentOfFirst_, 0)),
+      pendingBytes_(std::exchange(other.pendingBytes_, 0))
+{
+}
+
+SendQueue& SendQueue::operator=(SendQueue&& other) noexcept
+{
+    pieces_ = std::exchange(other.pieces_, {});
+    sentOfFirst_ = std::exchange(other.sentOfFirst_, 0);
+    pendingBytes_ = std::exchange(other.pendingBytes_, 0);
+    return *this;
+}
 
 void SendQueue::Append(std::string_view bytes)
 {

@@ -21,6 +21,11 @@ public:
         Failed // the peer has gone: what is left has been dropped, the socket has the reason
     };
 
+    SendQueue() = default;
+    /** The queue moved from is empty and goes on being usable. */
+    SendQueue(SendQueue&& other) noexcept;
+    SendQueue& operator=(SendQueue&& other) noexcept;
+
     void Append(std::string_view bytes);
     Result Flush(BaseSocket& socket);
     bool IsEmpty() const { return pieces_.empty(); }

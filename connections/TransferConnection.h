@@ -1,8 +1,14 @@
 #pragma once
 
+#include <string>
+#include <string_view>
+
+#include "connections/OpenFile.h"
 #include "connections/ThreadOrProcessConnection.h"
 
 #include <netinet/in.h>
+
+class UnfinishedFile;
 
 /**
  * One file transfer, served by a worker under the requesting user's identity over a separate data
@@ -60,6 +66,51 @@ private:
         int groupCount = GroupCapacity;
     };
 
+    enum class Verdict { NotGiven, Good, Refused };
+
+    int TakeIdentity();
+    int RunAsUser();
+    int RunTransfer();
+    /** Switches to the user: 0, or nonzero with the process' last error. Mode as for ImpersonateUser(). */
+    int Impersonate(const int& mode);
+    int Restore();
+
+    // The data connection, once the client has been told of it: 0, else 1 and traced.
+    int OpenDataConnection();
+    int AcceptClient();
+    int ConnectToClient();
+    int AttemptConnection();
+    int BindAsDaemon();
+
+    int TransferGet();
+    int CheckClientsPart(std::string_view& keyword, std::string& message);
+    int SendFile();
+
+    int TransferPut();
+    int OfferUpdate(bool& isAppended, std::string& message);
+    std::string_view SumUpOwnPart();
+    int OpenForWriting(bool isAppended, UnfinishedFile& unfinished);
+    int ReceiveFile();
+    int ReceiveBlocks();
+    int WriteToFile(std::string_view bytes);
+
+    /** Opens the remote file as file_: 0, or -1 with errno. */
+    int OpenRemoteFile(int flags);
+    enum class SumResult { Done, HeadDiffers, NotRead };
+    /**
+     * Sums up the first `size` bytes of the open file: the check sum of the first block goes to `head` (left
+     * alone when there is none), that of all to `body`. Stops behind a first block that `expectedHead` (null:
+     * anything) is not the sum of. NotRead comes with errno.
+     */
+    SumResult SumUp(const long long& size, const unsigned* expectedHead, unsigned& head, unsigned& body);
+
+    std::string_view ErrorKeyword() const;
+    /** Writes on the control connection: 0, or 1 and traced. */
+    int Answer(const QORUnicodeString& text);
+    /** Traces what went wrong with the file, errno the reason, and tells the client: always 1. */
+    int RefuseFile(const char* trace, std::string_view lead);
+    void TraceFileError(std::string_view text, const std::string& reason) const;
+
     QORUnicodeString host_;
     const sockaddr_in* localAddress_;
     BaseSocket dataSocket_;
@@ -70,7 +121,11 @@ private:
     QORUnicodeString passiveHostAddress_;
     QORUnicodeString user_;
     QORUnicodeString credential_;
+    Verdict verdict_ = Verdict::NotGiven;
+    QORUnicodeString refusal_;
     SavedIdentity savedIdentity_;
+    /** False when the worker is not, or not surely, the user: it must not touch files by name then. */
+    bool mayTouchFiles_ = true;
     int transferType_ = Put;
     int ascii_ = 0;
     QORUnicodeString remoteFile_;
@@ -78,6 +133,7 @@ private:
     int version_ = 0;
     int noImpersonation_ = 0;
     int bindDataSocket_ = 0;
+    OpenFile file_;
     int update_ = 0;
     long long updateSize_ = -1;
     unsigned headCheckSum_ = 0;

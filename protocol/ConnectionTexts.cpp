@@ -1,17 +1,6 @@
 #include "protocol/ConnectionTexts.h"
 
-#include <initializer_list>
-
-namespace
-{
-std::string Concatenate(std::initializer_list<std::string_view> pieces)
-{
-    std::string text;
-    for (std::string_view piece : pieces)
-        text.append(piece);
-    return text;
-}
-} // namespace
+#include "protocol/Concatenate.h"
 
 std::string protocol::CommandIdentifier(std::string_view host, int port, int number, std::string_view user,
                                         std::string_view beginDate)
@@ -27,15 +16,6 @@ std::string protocol::CommandAttributes(int number, unsigned long processId, std
                         "), BDATE(", beginDate, "), CMD(", command, ")"});
 }
 
-std::string protocol::TransferAttributes(const TransferDescription& transfer)
-{
-    return Concatenate(
-        {"N(", std::to_string(transfer.number), "), UID(", transfer.user, "), BDATE(", transfer.beginDate,
-         "), LTO(", std::to_string(transfer.lifeTimeOut), "), CMD(",
-         transfer.isGet ? "TRANSFER GET" : "TRANSFER PUT", "), MODE(", transfer.isAscii ? "ASCII" : "BINARY",
-         "), TYPE(", transfer.isPassive ? "PASSIVE" : "ACTIVE", "), REMOTE FILE(", transfer.remoteFile, ")"});
-}
-
 std::string protocol::ReturnCodeAttribute(int code)
 {
     return Concatenate({", RC(", std::to_string(code), ")"});
@@ -44,10 +24,4 @@ std::string protocol::ReturnCodeAttribute(int code)
 std::string protocol::StatusAttribute(std::string_view status)
 {
     return Concatenate({", STATUS(", status, ")"});
-}
-
-std::string protocol::IntegrityProgress(long long bytesDone, long long bytesInAll)
-{
-    return Concatenate(
-        {"integrity ", std::to_string(bytesDone), "/", std::to_string(bytesInAll), " byte(s)"});
 }

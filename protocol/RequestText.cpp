@@ -53,6 +53,17 @@ RequestFields SplitRequest(std::string_view text)
     return FieldsBetween(text, separators, count);
 }
 
+std::string_view WithoutTerminator(std::string_view text)
+{
+    if (text.empty() || (text.back() != '\n' && text.back() != '\0'))
+        return text;
+    const bool isLineFeed = text.back() == '\n';
+    text.remove_suffix(1);
+    if (isLineFeed && !text.empty() && text.back() == '\r')
+        text.remove_suffix(1);
+    return text;
+}
+
 bool RequestText::Append(std::string_view bytes)
 {
     if (bytes.size() > Limit - bytes_.size())
@@ -88,22 +99,18 @@ RequestFields RequestText::Fields() const
                          separatorCount_);
 }
 
+void RequestText::WipeField(int position)
+{
+    const std::string_view field = Fields()[position];
+    if (!field.empty())
+        explicit_bzero(bytes_.data() + (field.data() - bytes_.data()), field.size());
+}
+
 void RequestText::Wipe()
 {
     explicit_bzero(bytes_.data(), bytes_.size());
     bytes_.clear();
     separatorCount_ = 0;
-}
-
-std::size_t RequestText::LengthWithoutTerminator() const
-{
-    std::size_t length = bytes_.size();
-    if (length == 0 || (bytes_[length - 1] != '\n' && bytes_[length - 1] != '\0'))
-        return length;
-    --length;
-    if (bytes_[length] == '\n' && length > 0 && bytes_[length - 1] == '\r')
-        --length;
-    return length;
 }
 
 } // namespace protocol

@@ -30,6 +30,9 @@ struct RequestFields {
 /** The whole text split at every separator, empty fields kept; the empty text has none. */
 RequestFields SplitRequest(std::string_view text);
 
+/** What a client wrote, less one trailing terminator (CR LF, LF or NUL). */
+std::string_view WithoutTerminator(std::string_view text);
+
 /**
  * A request as it arrives. On the wire it is what one client write delivers, without length or terminator,
  * so the end must be told from what has come: a text shorter than the smallest segment is whole as soon as
@@ -63,11 +66,13 @@ public:
     int SilenceToAwait() const;
     /** The fields, one trailing terminator (CR LF, LF or NUL) dropped. Valid until the next change. */
     RequestFields Fields() const;
+    /** Overwrites one field in place: a password that has been handed on. Field views stay valid. */
+    void WipeField(int position);
     /** Overwrites and forgets the bytes. */
     void Wipe();
 
 private:
-    std::size_t LengthWithoutTerminator() const;
+    std::size_t LengthWithoutTerminator() const { return WithoutTerminator(bytes_).size(); }
 
     std::string bytes_;
     int separatorCount_ = 0;

@@ -1,0 +1,311 @@
+#include "connections/TransferConnection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "connections/DataConnection.h"
+#include "connections/ProgressReport.h"
+#include "connections/UnfinishedFile.h"
+#include "connections/UserNames.h"
+#include "protocol/TransferTexts.h"
+#include "support/BaseString.h"
+#include "support/CheckSum.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace
+{
+constexpr int AcceptAttempts = 30;
+constexpr int ConnectionAttempts = 15;
+constexpr std::size_t BlockSize = 16384; // the first block's check sum crosses the wire: not to be changed
+
+// Modes of ImpersonateUser.
+constexpr int CheckPassword = 0;
+constexpr int TrustEarlierCheck = 1;
+
+constexpr mode_t NewFileMode = 0666; // less the umask
+
+/**
+ * The system grants a process its own entries below /proc whatever its user. Here they would tell the user
+ * where the daemon, whose memory the worker's is a copy of, keeps what.
+ */
+bool TellsOfThisProcess(const OpenFile& file)
+{
+    struct statfs system;
+    if (fstatfs(file.Number(), &system) != 0 || system.f_type != PROC_SUPER_MAGIC)
+        return false;
+    char name[PATH_MAX];
+    const std::string link = "/proc/self/fd/" + std::to_string(file.Number());
+    const ssize_t length = readlink(link.c_str(), name, sizeof name);
+    const std::string own = "/" + std::to_string(getpid()) + "/";
+    return length < 0 ||
+           std::string_view(name, static_cast<std::size_t>(length)).find(own) != std::string_view::npos;
+}
+} // namespace
+
+TransferConnection::TransferConnection(const QORUnicodeString& host, const sockaddr_in* localAddress)
+    : host_(host), localAddress_(localAddress)
+{
+}
+
+TransferConnection::~TransferConnection() = default;
+
+void TransferConnection::SetAttributes(const QORUnicodeString& user, const QORUnicodeString& credential,
+                                       const long& beginLifeTime, const int& transferType, const int& ascii,
+                                       const QORUnicodeString& remoteFile, const int& number,
+                                       const int& versionAndRevision, const int& noImpersonation,
+                                       const int& bindDataSocket)
+{
+    user_ = user;
+    credential_ = credential;
+    SetBeginLifeTime(beginLifeTime);
+    transferType_ = transferType;
+    ascii_ = ascii;
+    remoteFile_ = remoteFile;
+    number_ = number;
+    version_ = versionAndRevision;
+    noImpersonation_ = noImpersonation;
+    bindDataSocket_ = bindDataSocket;
+}
+
+void TransferConnection::SetPassiveHostAddressAndPortNumber(const QORUnicodeString& hostAddress,
+                                                            const int& port)
+{
+    passiveHostAddress_ = hostAddress;
+    passivePort_ = port;
+    passive_ = 1;
+}
+
+void TransferConnection::SetUpdateSizeAndCheckSum(const long long& size, const unsigned& headCheckSum,
+                                                  const unsigned& bodyCheckSum)
+{
+    updateSize_ = size;
+    headCheckSum_ = headCheckSum;
+    bodyCheckSum_ = bodyCheckSum;
+    update_ = 1;
+}
+
+void TransferConnection::SetUserVerdict(const bool& good, const QORUnicodeString& refusal)
+{
+    verdict_ = good ? Verdict::Good : Verdict::Refused;
+    refusal_ = refusal;
+}
+
+void TransferConnection::GetAttributes(const QORUnicodeString& prefix, QORUnicodeString& line) const
+{
+    long long limit = WriterReader::DefaultLockMicroseconds;
+    GetAttributes(prefix, line, limit);
+}
+
+void TransferConnection::GetAttributes(const QORUnicodeString& prefix, QORUnicodeString& line,
+                                       long long& limitMicroseconds) const
+{
+    line = prefix;
+    line.Append(protocol::TransferAttributes({.number = number_,
+                                              .user = user_.View(),
+                                              .beginDate = GetBeginDate().View(),
+                                              .lifeTimeOut = GetLifeTimeOut(),
+                                              .isGet = transferType_ == Get,
+                                              .isAscii = ascii_ != 0,
+                                              .isPassive = passive_ != 0,
+                                              .remoteFile = remoteFile_.View()}));
+    AppendStatus(line, limitMicroseconds);
+}
+
+int TransferConnection::IsSameUser(const QORUnicodeString& user) const
+{
+    return UserNames::AreSame(user, user_);
+}
+
+int TransferConnection::ThreadOrProcessRoutine()
+{
+    if (noImpersonation_ != 0)
+        return RunAsUser();
+    if (TakeIdentity() != 0)
+        return 1;
+    const int result = RunAsUser();
+    if (Restore() != 0)
+        BaseString::PutTrace("Warning in RestoreUser() : ", GetProcess().BaseProcessGetLastError(), 1);
+    return result;
+}
+
+int TransferConnection::TakeIdentity()
+{
+    if (verdict_ != Verdict::Refused &&
+        Impersonate(verdict_ == Verdict::Good ? TrustEarlierCheck : CheckPassword) == 0)
+        return 0;
+    const QORUnicodeString reason =
+        verdict_ == Verdict::Refused ? refusal_ : GetProcess().BaseProcessGetLastError();
+    BaseString::PutTrace("Error in ImpersonateUser() : ", reason, 1);
+    Answer(protocol::TransferRefusal(ErrorKeyword(), protocol::NotImpersonatedLead, reason.View()));
+    return 1;
+}
+
+int TransferConnection::Impersonate(const int& mode)
+{
+    savedIdentity_.groupCount = SavedIdentity::GroupCapacity;
+    return GetProcess().ImpersonateUser(user_, credential_, savedIdentity_.userId, savedIdentity_.groupId,
+                                        savedIdentity_.groups, savedIdentity_.groupCount, mode);
+}
+
+int TransferConnection::Restore()
+{
+    return GetProcess().RestoreUser(savedIdentity_.userId, savedIdentity_.groupId, savedIdentity_.groups,
+                                    savedIdentity_.groupCount);
+}
+
+int TransferConnection::RunAsUser()
+{
+    dataPort_ = 0;
+    if (passive_ != 0)
+        return RunTransfer();
+    const int failed = listeningDataSocket_.OpenServerSocket(dataPort_, 1);
+    if (failed != 0) {
+        const QORUnicodeString reason = listeningDataSocket_.BaseSocketGetLastError();
+        BaseString::PutTrace("Error unable to create data connection : ", reason, 1);
+        Answer(protocol::TransferRefusal(ErrorKeyword(), protocol::NoDataConnectionLead, reason.View()));
+        return failed;
+    }
+    const int result = RunTransfer();
+    listeningDataSocket_.CloseBaseSocket();
+    return result;
+}
+
+int TransferConnection::RunTransfer()
+{
+    return transferType_ == Get ? TransferGet() : TransferPut();
+}
+
+int TransferConnection::OpenDataConnection()
+{
+    return passive_ != 0 ? ConnectToClient() : AcceptClient();
+}
+
+int TransferConnection::AcceptClient()
+{
+    sockaddr_in client{};
+    for (int i = 0; i < AcceptAttempts; ++i)
+        if (listeningDataSocket_.AcceptConnectionFromClientWithTimeOut(
+                dataSocket_, client, DataConnection::AttemptTimeOut, 0) == BaseSocket::Accepted)
+            return 0;
+    BaseString::PutTrace(listeningDataSocket_.BaseSocketGetLastError(), 1);
+    return 1;
+}
+
+int TransferConnection::ConnectToClient()
+{
+    const int result = DataConnection::Retry(ConnectionAttempts, [this] { return AttemptConnection(); });
+    if (result == DataConnection::Failed)
+        BaseString::PutTrace(dataSocket_.BaseSocketGetLastError(), 1);
+    return result == DataConnection::Connected ? 0 : 1;
+}
+
+int TransferConnection::AttemptConnection()
+{
+    if (bindDataSocket_ == 0 || localAddress_ == nullptr)
+        return DataConnection::ConnectFrom(dataSocket_, localAddress_, passiveHostAddress_, passivePort_);
+    const int bound = BindAsDaemon();
+    if (bound == DataConnection::GiveUp)
+        return bound;
+    return DataConnection::ConnectAfterBind(dataSocket_, bound, passiveHostAddress_, passivePort_);
+}
+
+/** The port is the daemon's, and so may be the right to bind it: 0, Failed, or GiveUp when the worker could
+ * not change to the daemon's identity or back. */
+int TransferConnection::BindAsDaemon()
+{
+    if (noImpersonation_ != 0)
+        return dataSocket_.Bind(*localAddress_);
+    // Not even the removal of an unfinished file may happen under this identity.
+    const TerminationHold hold;
+    mayTouchFiles_ = false;
+    if (Restore() != 0) {
+        BaseString::PutTrace("Error in RestoreUser() : ", GetProcess().BaseProcessGetLastError(), 1);
+        return DataConnection::GiveUp;
+    }
+    const int bound = dataSocket_.Bind(*localAddress_);
+    if (Impersonate(TrustEarlierCheck) != 0) {
+        BaseString::PutTrace("Error in ImpersonateUser() : ", GetProcess().BaseProcessGetLastError(), 1);
+        dataSocket_.CloseBaseSocket();
+        return DataConnection::GiveUp;
+    }
+    mayTouchFiles_ = true;
+    return bound;
+}
+
+int TransferConnection::OpenRemoteFile(int flags)
+{
+    if (remoteFile_.View().find('\0') != std::string_view::npos) {
+        errno = EINVAL;
+        return -1;
+    }
+    file_ = OpenFile(open(remoteFile_.ConvertToChar(), flags | O_NOCTTY | O_CLOEXEC, NewFileMode));
+    if (!file_.IsOpen())
+        return -1;
+    if (noImpersonation_ == 0 && TellsOfThisProcess(file_)) {
+        errno = EACCES;
+        return -1;
+    }
+    return 0;
+}
+
+TransferConnection::SumResult TransferConnection::SumUp(const long long& size, const unsigned* expectedHead,
+                                                        unsigned& head, unsigned& body)
+{
+    CheckSum sum;
+    UpdatePace pace;
+    char block[BlockSize];
+    for (long long done = 0; done < size;) {
+        const std::size_t length =
+            std::min<unsigned long long>(BlockSize, static_cast<unsigned long long>(size - done));
+        const long count = file_.Read(block, length);
+        if (count != static_cast<long>(length)) {
+            errno = count < 0 ? errno : EIO; // cut since it was measured
+            return SumResult::NotRead;
+        }
+        sum.Update(block, static_cast<unsigned>(length));
+        const bool isFirst = done == 0;
+        done += count;
+        if (GetStatusBoard() != nullptr && (pace.IsDue() || done == size))
+            GetStatusBoard()->Write(protocol::IntegrityProgress(done, size));
+        if (!isFirst)
+            continue;
+        head = sum.GetValue();
+        if (expectedHead != nullptr && head != *expectedHead)
+            return SumResult::HeadDiffers;
+    }
+    body = sum.GetValue();
+    return SumResult::Done;
+}
+
+std::string_view TransferConnection::ErrorKeyword() const
+{
+    return transferType_ == Get ? protocol::GetError : protocol::PutError;
+}
+
+int TransferConnection::Answer(const QORUnicodeString& text)
+{
+    if (GetSocket().WriteToBaseSocket(text) == 0)
+        return 0;
+    BaseString::PutTrace(GetSocket().BaseSocketGetLastError(), 1);
+    return 1;
+}
+
+int TransferConnection::RefuseFile(const char* trace, std::string_view lead)
+{
+    const std::string reason = strerror(errno);
+    TraceFileError(trace, reason);
+    Answer(protocol::FileRefusal(ErrorKeyword(), lead, remoteFile_.View(), reason));
+    return 1;
+}
+
+void TransferConnection::TraceFileError(std::string_view text, const std::string& reason) const
+{
+    BaseString::PutTrace(text, remoteFile_, ") : ", 0);
+    BaseString::PutTrace(reason, 1);
+}
