@@ -1,0 +1,152 @@
+#include <csignal>
+#include <string>
+
+#include "connections/WriterReader.h"
+#include "support/Clock.h"
+
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+/** Semaphore sets that this process was the last to operate on, plus segments of its making. */
+int CountOwnIds()
+{
+    int count = 0;
+    seminfo information;
+    const int lastSet = semctl(0, 0, SEM_INFO, &information);
+    for (int i = 0; i <= lastSet; ++i) {
+        semid_ds description;
+        const int set = semctl(i, 0, SEM_STAT, &description);
+        if (set != -1 && semctl(set, 0, GETPID) == getpid())
+            ++count;
+    }
+    shm_info usage;
+    const int lastSegment = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&usage));
+    for (int i = 0; i <= lastSegment; ++i) {
+        shmid_ds description;
+        if (shmctl(i, SHM_STAT, &description) != -1 && description.shm_cpid == getpid())
+            ++count;
+    }
+    return count;
+}
+
+/** Runs `routine` in a child, which then waits for its end. */
+template <class Routine>
+pid_t Fork(Routine routine)
+{
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        routine();
+        if (write(ready[1], "", 1) == 1)
+            pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    char byte;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    return child;
+}
+
+void Kill(pid_t child)
+{
+    kill(child, SIGKILL);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+TEST(WriterReader, HoldsWhatFits)
+{
+    WriterReader board(16);
+    ASSERT_EQ(board.GetStatus(), 0);
+    QORUnicodeString text("left from before");
+    EXPECT_EQ(board.Read(text), 0);
+    EXPECT_EQ(text.View(), "");
+    const struct {
+        const char* given;
+        const char* kept;
+    } Cases[] = {{"sent 1", "sent 1"},
+                 {"123456789012345", "123456789012345"},
+                 {"1234567890123456", "123456789012345"},
+                 {"", ""}};
+    for (const auto& one : Cases) {
+        const int length = static_cast<int>(std::string(one.kept).size());
+        EXPECT_EQ(board.Write(one.given), length);
+        EXPECT_EQ(board.Read(text), length);
+        EXPECT_EQ(text.View(), one.kept);
+    }
+}
+
+TEST(WriterReader, IsUnusableWithoutASize)
+{
+    WriterReader board(0);
+    QORUnicodeString text;
+    EXPECT_EQ(board.GetStatus(), -1);
+    EXPECT_EQ(board.Write("text"), 0);
+    EXPECT_EQ(board.Read(text), 0);
+}
+
+TEST(WriterReader, LeavesNothingBehind)
+{
+    const int before = CountOwnIds();
+    {
+        WriterReader board(4096);
+        board.Write("text");
+        EXPECT_EQ(CountOwnIds(), before + 2);
+    }
+    EXPECT_EQ(CountOwnIds(), before);
+}
+
+TEST(WriterReader, OutlivesAWriterThatDiesHoldingIt)
+{
+    WriterReader board(64);
+    const pid_t writer = Fork([&] { board.Write("last word"), board.Lock(); });
+    QORUnicodeString text;
+    EXPECT_EQ(board.Read(text), 0);
+    Kill(writer);
+    EXPECT_EQ(board.Read(text), 9);
+    EXPECT_EQ(text.View(), "last word");
+    EXPECT_EQ(board.Write("mine"), 4);
+}
+
+TEST(WriterReader, TakesTheTimeWaitedOffTheReadersLimit)
+{
+    WriterReader held(64);
+    WriterReader free(64);
+    free.Write("free");
+    const pid_t writer = Fork([&] { held.Lock(); });
+    QORUnicodeString text;
+    long long limit = 2000;
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(held.Read(text, limit), 0);
+    EXPECT_LE(limit, 0);
+    EXPECT_EQ(free.Read(text, limit), 4);
+    Kill(writer);
+}
+
+TEST(WriterReader, NeverShowsHalfAText)
+{
+    WriterReader board(4096);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        for (int i = 0;; ++i)
+            board.Write(std::string(static_cast<size_t>(1000 + i % 3000), static_cast<char>('a' + i % 26)));
+    }
+    int seen = 0;
+    const long long deadline = Clock::SteadyMilliseconds() + 20000;
+    while (seen < 2000 && Clock::SteadyMilliseconds() < deadline) {
+        QORUnicodeString text;
+        if (board.Read(text) == 0)
+            continue;
+        ++seen;
+        ASSERT_EQ(text.View().find_first_not_of(text.View()[0]), std::string_view::npos);
+    }
+    EXPECT_EQ(seen, 2000);
+    Kill(writer);
+}
+} // namespace
