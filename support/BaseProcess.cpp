@@ -202,6 +202,7 @@ void BaseProcess::ResetBeforeDestruction()
 {
     ChildTable::Forget(child_);
     child_ = ChildId();
+    tree_ = ProcessTree();
     processId_ = 0;
     ended_ = false;
 }

@@ -41,6 +41,7 @@ public:
     /** One walk over the tree. True when it found nothing new, and nothing had moved meanwhile. */
     bool FindNothingNew();
     bool AreAllStill() const;
+    bool Holds(pid_t processId) const { return members_.contains(processId); }
 
 private:
     bool IsSessionStillTheirs() const;
@@ -89,8 +90,12 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     const bool wantsDescriptor = tree_.members_.size() < MostPidDescriptors;
     Member member{processId, FileDescriptor(wantsDescriptor ? PidDescriptor::Open(processId) : -1), 0};
     ProcessStatus status;
-    if (!ProcessFiles::ReadStatus(processId, status))
-        return;
+    if (!ProcessFiles::ReadStatus(processId, status)) {
+        // Either it is gone, or the pidfd was the last descriptor there was, which reading needs more.
+        member.pidDescriptor = FileDescriptor();
+        if (!ProcessFiles::ReadStatus(processId, status))
+            return;
+    }
     member.startTime = status.startTime;
     if (parent != nullptr &&
         (status.parent != parent->processId || Send(*parent, 0) != 0 || Send(member, 0) != 0)) {
@@ -204,6 +209,10 @@ void ProcessTree::Signal(int signal)
     }
     for (const Member& member : members_)
         Send(member, signal);
+    // With not one descriptor left nobody can be looked for. The command itself needs no proof.
+    const auto command = static_cast<pid_t>(command_.processId);
+    if (!search.Holds(command) && ChildTable::IsRunning(command_))
+        kill(command, signal);
     // Everything but a forced end waits until the process runs again.
     for (const Member& member : members_)
         Send(member, SIGCONT);
