@@ -63,6 +63,9 @@ inline constexpr std::string_view ActiveLogTransfers = " active log transfer(s)"
 inline constexpr std::string_view ActiveCommands = " active command(s)";
 inline constexpr std::string_view ActiveTransfers = " active file transfer(s)";
 
+/** Follows the listing in place of the reports on the machine. */
+inline constexpr std::string_view ReportNotStarted = "->Error unable to start system report\n";
+
 // What supervision tells a client, the code following.
 inline constexpr std::string_view LogNotStarted = "->Error unable to start log transfer\n";
 inline constexpr std::string_view TransferExpired =

@@ -1,0 +1,23 @@
+#include "connections/ReportConnection.h"
+
+#include "reports/FileSystem.h"
+#include "reports/SystemInfo.h"
+#include "support/BaseString.h"
+
+int ReportConnection::ThreadOrProcessRoutine()
+{
+    QORListValQORUnicodeString lines;
+    SystemInfo().PrintSystemInfo(lines);
+    FileSystem fileSystems;
+    if (fileSystems.ReadFileSystemEntries() < 0)
+        BaseString::PutTrace("Error unable to read the mount table", 1);
+    else
+        fileSystems.PrintFileSystemEntries(lines, 0, 0);
+    QORUnicodeString report;
+    BaseString::CreateString(report, lines, "\n");
+    listing_.Append(report).Append("\n");
+    if (GetSocket().WriteToBaseSocket(listing_) == 0)
+        return 0;
+    BaseString::PutTrace(GetSocket().BaseSocketGetLastError(), 1);
+    return 1;
+}

@@ -1,0 +1,162 @@
+#include "daemon/RuvelServer.h"
+
+#include <algorithm>
+#include <array>
+#include <errno.h>
+#include <stdlib.h>
+
+#include "support/BaseString.h"
+#include "support/Clock.h"
+#include "support/ProcessSetup.h"
+
+#include <arpa/inet.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDirectory, const int& retryNumber,
+                                const int& retryTime)
+{
+    logDirectory_ = logDirectory;
+    if (PrepareToServe(port, retryNumber, retryTime) != 0)
+        return 1;
+    while (stop_ != Stop::Done) {
+        if (IsNothingAlive())
+            BaseProcess::CleanZombiProcess();
+        WaitForActivity();
+        ReceiveSignals();          // before serving: a kill must not hit what has just ended
+        checks_.CollectVerdicts(); // before serving: a good user is served in this turn
+        AcceptClients();
+        ServeCompleteRequests();
+        PushAnswers();
+        CheckForLaunchedCommand(); // before the life times: what has ended by itself did not expire
+        CheckConnectionLife();
+        AdvanceEndings();
+        AdvanceShutdown(); // last: it looks at what the steps before have left
+    }
+    return 0;
+}
+
+int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
+{
+    signalDescriptor_ = ProcessSetup::BecomeSupervisor();
+    if (signalDescriptor_ < 0) {
+        BaseString::PutTrace("Error unable to receive signals : ", strerror(errno), 1);
+        return 1;
+    }
+    if (!noPasswordCheck_)
+        ProcessSetup::KeepMemoryPrivate();
+    environmentEntry_ = "RUVELSERVER_TMP=";
+    environmentEntry_.Append(logDirectory_);
+    putenv(const_cast<char*>(environmentEntry_.ConvertToChar()));
+    return OpenWithRetries(port, retryNumber, retryTime) != 0 || ProbeDataPort() != 0;
+}
+
+int RuvelServer::OpenWithRetries(int port, int retryNumber, int retryTime)
+{
+    const int furtherAttempts = std::max(retryNumber, 0);
+    const int pause = std::max(retryTime, 1);
+    for (int attempt = 0; OpenRuvelServer(port, 0) != 0; ++attempt) {
+        if (attempt == furtherAttempts)
+            return 1;
+        RuvelServerSleep(pause);
+    }
+    return 0;
+}
+
+/** Passive logs and transfers connect from this port: better to know now that it cannot be had. */
+int RuvelServer::ProbeDataPort()
+{
+    if (listeningSocket_->GetSocketName(dataAddress_) != 0) {
+        BaseString::PutTrace(listeningSocket_->BaseSocketGetLastError(), 1);
+        return 1;
+    }
+    dataAddress_.sin_family = AF_INET;
+    dataAddress_.sin_port = htons(static_cast<in_port_t>(serverPort_ - 1));
+    BaseString::PutTrace("Check port (", serverPort_ - 1, ") for data connection...", 0);
+    BaseSocket probe;
+    if (probe.Bind(dataAddress_) != 0) {
+        BaseString::PutTrace("(failed)", 1);
+        BaseString::PutTrace(probe.BaseSocketGetLastError(), 1);
+        return 1;
+    }
+    BaseString::PutTrace("(successfull)", 1);
+    return 0;
+}
+
+bool RuvelServer::IsNothingAlive() const
+{
+    return commands_.Size() == 0 && logs_.Size() == 0 && transfers_.Size() == 0;
+}
+
+void RuvelServer::WaitForActivity()
+{
+    poller_.Clear();
+    signalSlot_ = poller_.Add(signalDescriptor_, POLLIN);
+    if (listeningSocket_ != nullptr)
+        waiting_.AddTo(poller_, *listeningSocket_);
+    leaving_.AddTo(poller_);
+    const long long deadline = NextDeadline();
+    poller_.Wait(deadline == Deadline::Never ? -1 : std::max(0LL, deadline - Clock::SteadyMilliseconds()));
+}
+
+long long RuvelServer::NextDeadline() const
+{
+    long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
+    next = Deadline::Earlier(next, stopDeadline_);
+    for (const auto& [connection, ending] : endings_)
+        next = Deadline::Earlier(next, ending->NextDeadline());
+    for (const TreeRemainder& remainder : remainders_)
+        next = Deadline::Earlier(next, remainder.NextDeadline());
+    if (nextEndOfLife_ != 0) {
+        const long long wait = 1000LL * nextEndOfLife_ - Clock::EpochMilliseconds();
+        next = Deadline::Earlier(next, Clock::SteadyMilliseconds() + std::max(0LL, wait));
+    }
+    return next;
+}
+
+void RuvelServer::ReceiveSignals()
+{
+    if (poller_.Events(signalSlot_) == 0)
+        return;
+    std::array<signalfd_siginfo, 16> signals;
+    bool childEnded = false;
+    ssize_t count = 0;
+    while ((count = read(signalDescriptor_, signals.data(), sizeof signals)) > 0) {
+        for (size_t i = 0; i < static_cast<size_t>(count) / sizeof signals[0]; ++i) {
+            if (signals[i].ssi_signo == SIGCHLD)
+                childEnded = true;
+            else if (stop_ == Stop::No)
+                stop_ = Stop::Demanded;
+        }
+    }
+    if (childEnded)
+        BaseProcess::CleanZombiProcess();
+}
+
+void RuvelServer::AcceptClients()
+{
+    if (listeningSocket_ == nullptr)
+        return;
+    waiting_.AcceptAndRead(poller_, *listeningSocket_,
+                           [this] { return leaving_.MakeRoom() || waiting_.MakeRoom(); });
+}
+
+void RuvelServer::ServeCompleteRequests()
+{
+    RefuseUsers();
+    for (int served = 0; served < WaitingClients::MostPerTurn && stop_ == Stop::No; ++served) {
+        WaitingClient* client = waiting_.NextComplete();
+        if (client == nullptr)
+            break;
+        ServeGuarded(*client);
+    }
+    checks_.StartWaiting([this](QORListPtrBaseSocket& sockets) { GetListOfSocketToClose(sockets); });
+    waiting_.Sweep();
+}
+
+void RuvelServer::PushAnswers()
+{
+    leaving_.PushOn(poller_);
+}

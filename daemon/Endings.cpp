@@ -1,0 +1,140 @@
+#include "daemon/RuvelServer.h"
+#include "protocol/Texts.h"
+
+namespace
+{
+
+constexpr int DeletionLimit = 30;
+
+} // namespace
+
+Ending& RuvelServer::EndingOf(BaseConnection& command)
+{
+    auto& ending = endings_[&command];
+    if (ending == nullptr)
+        ending = std::make_unique<Ending>(command);
+    return *ending;
+}
+
+Ending& RuvelServer::EndingOf(ThreadOrProcessConnection& worker)
+{
+    auto& ending = endings_[&worker];
+    if (ending == nullptr)
+        ending = std::make_unique<Ending>(worker);
+    return *ending;
+}
+
+/** Ends the whole tree of a command that has lived long enough. */
+void RuvelServer::EndCommand(BaseConnection& command, EndingCause cause, std::string_view text)
+{
+    EndingDemand demand;
+    demand.cause = cause;
+    demand.ladder = Ladders::CommandTree;
+    demand.wholeTree = true;
+    demand.text = text;
+    EndingOf(command).Add(std::move(demand));
+}
+
+void RuvelServer::EndTransfer(TransferConnection& transfer, EndingCause cause, std::string_view text)
+{
+    EndingDemand demand;
+    demand.cause = cause;
+    demand.ladder = Ladders::Worker;
+    demand.text = text;
+    EndingOf(static_cast<ThreadOrProcessConnection&>(transfer)).Add(std::move(demand));
+}
+
+void RuvelServer::AdvanceEndings()
+{
+    for (auto next = endings_.begin(); next != endings_.end();) {
+        Ending& ending = *next->second;
+        for (EndingDemand* demand : ending.Advance())
+            FinishDemand(ending, *demand);
+        if (ending.IsOver()) {
+            DropEndedWork(ending);
+            next = endings_.erase(next);
+        } else {
+            ++next;
+        }
+    }
+    std::erase_if(remainders_, [](TreeRemainder& remainder) { return remainder.Advance(); });
+}
+
+/** Tells who asked, and, for the first demand, the work's own client. */
+void RuvelServer::FinishDemand(Ending& ending, EndingDemand& demand)
+{
+    const std::string told = demand.text + demand.codeText + "\n";
+    if (demand.asker != nullptr) {
+        const std::string answer = std::string(protocol::BannerLine).append(told).append("\n");
+        WriteToBaseConnectionSocket(demand.asker.get(), QORUnicodeString(answer), 0);
+        Dismiss(*demand.asker);
+        demand.asker.reset();
+    }
+    if (!ending.IsFirst(&demand) || demand.text.empty())
+        return;
+    int code = 0;
+    ending.HasEnded(code);
+    if (ending.GetCommand() != nullptr)
+        TellEndedCommand(*ending.GetCommand(), demand, code);
+    else {
+        WriteToBaseConnectionSocket(ending.GetWorker(), QORUnicodeString(told), 0);
+        Dismiss(*ending.GetWorker());
+    }
+}
+
+/** An attached client gets the text as it is; others get it in place of their log, which goes. */
+void RuvelServer::TellEndedCommand(BaseConnection& command, const EndingDemand& demand, int code)
+{
+    std::string message = demand.text + demand.codeText + "\n";
+    if (!command.IsSocketMode() && demand.cause != EndingCause::KillRequest)
+        message.insert(0, protocol::BannerLine);
+    if (command.IsSocketMode() || !command.IsPassive()) {
+        WriteToBaseConnectionSocket(&command, QORUnicodeString(message), command.IsSocketMode());
+        Dismiss(command);
+    } else {
+        auto log = std::make_unique<LogConnection>(command, code);
+        log->SetMessage(QORUnicodeString(message));
+        QORListPtrBaseSocket sockets(0);
+        GetListOfSocketToClose(sockets);
+        if (log->StartThreadOrProcess(sockets) == 0)
+            logs_.Append(log.release());
+    }
+    if (!command.IsSocketMode())
+        command.DeleteOutputFile(DeletionLimit);
+}
+
+/** The work leaves its list; what is left of a command's tree goes on being ended. */
+void RuvelServer::DropEndedWork(Ending& ending)
+{
+    int code = 0;
+    if (BaseConnection* command = ending.GetCommand(); command != nullptr) {
+        const long long killAt = ending.TreeDeadline();
+        if (killAt != Deadline::Never)
+            remainders_.emplace_back(command->GetProcess().TakeProcessTree(), killAt);
+        if (!ending.HasEnded(code))
+            command->GetProcess().ResetBeforeDestruction();
+        return Drop(commands_, command);
+    }
+    ThreadOrProcessConnection* worker = ending.GetWorker();
+    if (!ending.HasEnded(code))
+        worker->ResetThreadOrProcess();
+    for (int i = 1; i <= logs_.Size(); ++i)
+        if (logs_[i] == worker)
+            logs_[i]->DeleteOutputFile(DeletionLimit);
+    Dismiss(*worker);
+    Drop(logs_, worker);
+    Drop(transfers_, worker);
+}
+
+template <class T>
+void RuvelServer::Drop(QORListPtr<T>& list, const Connection* connection)
+{
+    for (int i = 1; i <= list.Size(); ++i) {
+        if (list[i] != connection)
+            continue;
+        delete list[i];
+        list[i] = nullptr;
+        break;
+    }
+    list.RemoveNulls();
+}

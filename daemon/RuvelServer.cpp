@@ -1,0 +1,78 @@
+#include "daemon/RuvelServer.h"
+
+#include "protocol/RequestForms.h"
+#include "protocol/Texts.h"
+#include "support/BaseString.h"
+
+#include <unistd.h>
+
+const char* const RuvelServer::UniversalSeparator = protocol::Separator;
+const char* const RuvelServer::VersionAndRevision = protocol::Banner;
+
+namespace
+{
+
+/** Clients that the kernel keeps for us until we accept them. */
+constexpr int Backlog = 50;
+
+} // namespace
+
+RuvelServer::RuvelServer()
+    : logs_(0), commands_(0), transfers_(0), waiting_(readTimeOut_), leaving_(readTimeOut_)
+{
+    for (const std::string_view client : protocol::KnownClients)
+        acceptedVersions_.Append(QORUnicodeString(client));
+}
+
+RuvelServer::~RuvelServer()
+{
+    CloseRuvelServer();
+    if (signalDescriptor_ >= 0)
+        close(signalDescriptor_);
+}
+
+int RuvelServer::OpenRuvelServer(const int& firstPort, const int& extraPorts)
+{
+    CloseRuvelServer();
+    auto socket = std::make_unique<BaseSocket>();
+    int port = firstPort;
+    while (socket->OpenServerSocket(port, Backlog) != 0) {
+        BaseString::PutTrace(socket->BaseSocketGetLastError(), 1);
+        if (++port > firstPort + extraPorts)
+            return 1;
+    }
+    if (socket->GetHostName(serverName_, nullptr) != 0)
+        return 1;
+    if (socket->GetHostAddress(serverAddress_, serverName_) != 0) {
+        BaseString::PutTrace(socket->BaseSocketGetLastError(), 1);
+        return 1;
+    }
+    if (serverName_.GetLengthInChar() == 0 || serverAddress_.GetLengthInChar() == 0) {
+        BaseString::PutTrace("Error hostname or hostaddress is empty", 1);
+        return 1;
+    }
+    serverPort_ = port;
+    QORListValQORUnicodeString pieces;
+    if (BaseString::CreateListOfString(pieces, serverName_, ".", -1) == 0) {
+        BaseString::PutTrace("Error unable to get shortname of server", 1);
+        return 1;
+    }
+    serverName_ = pieces[1];
+    serverName_.ToLower();
+    BaseString::PutTrace(VersionAndRevision, 1);
+    BaseString::PutTrace("Server (", serverName_, 0);
+    BaseString::PutTrace(",", serverPort_, ")", 1);
+    BaseString::PutTrace("Server address is (", serverAddress_, ")", 1);
+    listeningSocket_ = std::move(socket);
+    return 0;
+}
+
+void RuvelServer::CloseRuvelServer()
+{
+    listeningSocket_.reset();
+}
+
+int RuvelServer::RuvelServerSleep(const int& seconds)
+{
+    return static_cast<int>(sleep(static_cast<unsigned>(seconds)));
+}

@@ -1,0 +1,186 @@
+#include "daemon/RuvelServer.h"
+
+#include <string>
+
+#include "protocol/Texts.h"
+#include "support/BaseString.h"
+
+namespace
+{
+
+/** The argument of DeleteOutputFile, which means nothing to it. */
+constexpr int DeletionLimit = 30;
+
+} // namespace
+
+void RuvelServer::CheckForLaunchedCommand()
+{
+    // Nobody's end is unreported: so a turn costs nothing however many commands live.
+    if (ChildTable::CountOfUnaskedEnds() == 0)
+        return;
+    CheckLogs();
+    CheckTransfers();
+    CheckCommands();
+    CheckReports();
+}
+
+void RuvelServer::CheckLogs()
+{
+    for (int i = 1, size = logs_.Size(); i <= size; ++i) {
+        int status = 0;
+        if (IsBeingEnded(*logs_[i]) || !logs_[i]->CheckThreadOrProcess(status))
+            continue;
+        logs_[i]->DeleteOutputFile(DeletionLimit);
+        Dismiss(*logs_[i]);
+        delete logs_[i];
+        logs_[i] = nullptr;
+    }
+    logs_.RemoveNulls();
+}
+
+void RuvelServer::CheckTransfers()
+{
+    for (int i = 1, size = transfers_.Size(); i <= size; ++i) {
+        int status = 0;
+        if (IsBeingEnded(*transfers_[i]) || !transfers_[i]->CheckThreadOrProcess(status))
+            continue;
+        WriteToBaseConnectionSocket(transfers_[i], QORUnicodeString(protocol::ReturnCodeLine(status)), 0);
+        Dismiss(*transfers_[i]);
+        delete transfers_[i];
+        transfers_[i] = nullptr;
+    }
+    transfers_.RemoveNulls();
+}
+
+void RuvelServer::CheckCommands()
+{
+    for (int i = 1, size = commands_.Size(); i <= size; ++i) {
+        int code = 0;
+        if (IsBeingEnded(*commands_[i]) || !commands_[i]->GetProcess().CheckForProcess(code))
+            continue;
+        const std::unique_ptr<BaseConnection> command(commands_[i]);
+        commands_[i] = nullptr;
+        ReportCommand(*command, code);
+    }
+    commands_.RemoveNulls();
+}
+
+void RuvelServer::CheckReports()
+{
+    std::erase_if(reports_, [this](const std::unique_ptr<ReportConnection>& report) {
+        int status = 0;
+        if (!report->CheckThreadOrProcess(status))
+            return false;
+        Dismiss(*report);
+        return true;
+    });
+}
+
+/** The client on the command's socket gets the return line; every other gets the log, by a worker. */
+void RuvelServer::ReportCommand(BaseConnection& command, int code)
+{
+    if (command.IsSocketMode()) {
+        WriteToBaseConnectionSocket(&command, QORUnicodeString(protocol::ReturnCodeLine(code)), 1);
+        return Dismiss(command);
+    }
+    auto log = std::make_unique<LogConnection>(command, code);
+    if (!command.IsPassive()) {
+        log->GetSocket() = command.GetSocket();
+        command.GetSocket().Reset();
+    }
+    QORListPtrBaseSocket sockets(0);
+    GetListOfSocketToClose(sockets);
+    if (log->StartThreadOrProcess(sockets) == 0) {
+        logs_.Append(log.release());
+        return;
+    }
+    if (!log->IsPassive())
+        WriteToBaseConnectionSocket(log.get(),
+                                    QORUnicodeString(std::string(protocol::BannerLine)
+                                                         .append(protocol::LogNotStarted)
+                                                         .append(protocol::ReturnCodeLine(code))),
+                                    0);
+    Dismiss(*log);
+}
+
+void RuvelServer::NoteLifeTime(const Connection& connection)
+{
+    const long endOfLife = connection.GetEndOfLife();
+    if (endOfLife != 0 && (nextEndOfLife_ == 0 || endOfLife < nextEndOfLife_))
+        nextEndOfLife_ = endOfLife;
+}
+
+void RuvelServer::CheckConnectionLife()
+{
+    const long now = BaseString::GetTimeInSec();
+    if (nextEndOfLife_ == 0 || now < nextEndOfLife_)
+        return;
+    nextEndOfLife_ = 0;
+    ExpireTransfers(now);
+    ExpireCommands(now);
+}
+
+void RuvelServer::ExpireTransfers(long now)
+{
+    for (int i = 1; i <= transfers_.Size(); ++i) {
+        if (IsBeingEnded(*transfers_[i]))
+            continue;
+        if (transfers_[i]->IsEndOfLife(now))
+            EndTransfer(*transfers_[i], EndingCause::LifeTimeOut, protocol::TransferExpired);
+        else
+            NoteLifeTime(*transfers_[i]);
+    }
+}
+
+void RuvelServer::ExpireCommands(long now)
+{
+    for (int i = 1; i <= commands_.Size(); ++i) {
+        if (IsBeingEnded(*commands_[i]))
+            continue;
+        if (commands_[i]->IsEndOfLife(now))
+            EndCommand(*commands_[i], EndingCause::LifeTimeOut, protocol::CommandExpired);
+        else
+            NoteLifeTime(*commands_[i]);
+    }
+}
+
+namespace
+{
+
+template <class List>
+void AppendOpenSockets(List& connections, QORListPtrBaseSocket& sockets)
+{
+    for (int i = 1; i <= connections.Size(); ++i)
+        if (connections[i] != nullptr && connections[i]->GetSocket().GetBaseSocketStatus())
+            sockets.Append(&connections[i]->GetSocket());
+}
+
+} // namespace
+
+void RuvelServer::GetListOfSocketToClose(QORListPtrBaseSocket& sockets)
+{
+    if (listeningSocket_ != nullptr)
+        sockets.Append(listeningSocket_.get());
+    AppendOpenSockets(logs_, sockets);
+    AppendOpenSockets(transfers_, sockets);
+    AppendOpenSockets(commands_, sockets);
+    for (const auto& report : reports_)
+        sockets.Append(&report->GetSocket());
+    waiting_.AppendSocketsTo(sockets);
+    leaving_.AppendSocketsTo(sockets);
+    if (closer_ != nullptr)
+        sockets.Append(&closer_->GetSocket());
+}
+
+int RuvelServer::WriteToBaseConnectionSocket(Connection* connection, const QORUnicodeString& text,
+                                             const int& /*online*/)
+{
+    if (connection == nullptr)
+        return -1;
+    // Attached clients and others are written to alike: at once, and in order.
+    connection->GetSendQueue().Append(text.View());
+    if (connection->GetSendQueue().Flush(connection->GetSocket()) != SendQueue::Result::Failed)
+        return 0;
+    BaseString::PutTrace(connection->GetSocket().BaseSocketGetLastError(), 1);
+    return 1;
+}

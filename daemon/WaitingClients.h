@@ -1,0 +1,65 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "daemon/WaitingClient.h"
+
+/**
+ * The server's list of requests: every accepted client until its request has been served. It accepts,
+ * reads, and tells which requests are complete; it understands none. Owned by the server, used in its loop;
+ * never waits.
+ *
+ * At most `MostReading` clients may be without a complete request. Then the one that has waited longest
+ * makes room, from the address that holds most of them, so that a crowd of silent connections keeps nobody
+ * out.
+ */
+class WaitingClients
+{
+public:
+    static constexpr int MostReading = 1024;
+    /** How many clients are accepted, and how many requests are served, in one turn. */
+    static constexpr int MostPerTurn = 16;
+    /** Pause before clients are accepted again once descriptors or memory have run out, in milliseconds. */
+    static constexpr long long ExhaustionPause = 100;
+
+    /** `readTimeOut`: seconds from acceptance until the request must be complete. */
+    explicit WaitingClients(const int& readTimeOut) : readTimeOut_(readTimeOut) {}
+    WaitingClients(const WaitingClients&) = delete;
+    WaitingClients& operator=(const WaitingClients&) = delete;
+
+    /** Adds the listening socket, unless accepting pauses, and everybody whose bytes are awaited. */
+    void AddTo(Poller& poller, const BaseSocket& listening);
+    /**
+     * Accepts up to MostPerTurn clients and reads what has arrived of every request. `freeDescriptor` is
+     * asked to close something when descriptors have run out, and says whether it did.
+     */
+    void AcceptAndRead(const Poller& poller, BaseSocket& listening,
+                       const std::function<bool()>& freeDescriptor);
+    /** The client that has waited longest among those whose request is complete, or null. */
+    WaitingClient* NextComplete();
+    /** Deletes the clients that are gone; everybody else stays where it is. */
+    void Sweep();
+    /** Drops everybody. */
+    void Clear();
+
+    long long NextDeadline() const;
+    const std::vector<std::unique_ptr<WaitingClient>>& All() const { return clients_; }
+    void AppendSocketsTo(QORListPtrBaseSocket& sockets);
+    /** Drops the client that has to make room first; false when nobody is reading. */
+    bool MakeRoom();
+
+private:
+    bool AcceptOne(BaseSocket& listening);
+    void Read(WaitingClient& client);
+    void CheckDeadlines(WaitingClient& client, long long now);
+    void TraceExhaustion(const QORUnicodeString& reason);
+
+    const int& readTimeOut_;
+    std::vector<std::unique_ptr<WaitingClient>> clients_; // in the order of acceptance
+    int readingCount_ = 0;
+    int listeningSlot_ = Poller::NoSlot;
+    bool exhausted_ = false;
+    long long acceptAgainAt_ = Deadline::Never;
+};

@@ -1,0 +1,6 @@
+#include "daemon/MainLoop.h"
+
+int main(int argc, char** argv)
+{
+    return MainLoop(argc, argv);
+}
