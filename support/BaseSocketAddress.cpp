@@ -89,7 +89,8 @@ int ConnectInTime(int descriptor, const sockaddr_in& server, long long deadline)
     socklen_t length = sizeof(outcome);
     if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &outcome, &length) != 0)
         return errno;
-    return outcome;
+    // Only a connection that stood can be reset: one that is not accepted is refused.
+    return outcome == ECONNRESET || outcome == EPIPE ? 0 : outcome;
 }
 
 bool IsConnectedToItself(int descriptor)

@@ -181,15 +181,27 @@ TEST_F(LogDelivery, IsListedWithCodeAndStatus)
     EXPECT_EQ(line.View().back(), ')');
 }
 
+/** A failed test leaves no worker behind. */
+struct EndAndDelete {
+    void operator()(LogConnection* log) const
+    {
+        int status;
+        log->TerminateThreadOrProcess(1);
+        log->WaitThreadOrProcess(status, 20);
+        delete log;
+    }
+};
+using LogWithWorker = std::unique_ptr<LogConnection, EndAndDelete>;
+
 /** A passive client's end of the delivery. */
 class PassiveDelivery : public LogDelivery
 {
 protected:
-    std::unique_ptr<LogConnection> Start(const char* message, const sockaddr_in* localAddress)
+    LogWithWorker Start(const char* message, const sockaddr_in* localAddress)
     {
         MakeCommand(StreamingVersion, localAddress);
         command_->SetPassiveHostAddressAndPortNumber("127.0.0.1", collector_.port);
-        auto log = std::make_unique<LogConnection>(*command_, 42);
+        LogWithWorker log(new LogConnection(*command_, 42));
         log->SetMessage(message);
         EXPECT_EQ(log->StartThreadOrProcess(noSockets_), 0);
         return log;
@@ -236,7 +248,7 @@ TEST_F(PassiveDelivery, ComesFromTheGivenPortWhereThatIsFree)
     } Cases[] = {
         {"free", &local, true}, {"connected already", &local, false}, {"listened on", &taken, false}};
     BaseSocket clients[3];
-    std::unique_ptr<LogConnection> logs[3];
+    LogWithWorker logs[3];
     for (int i = 0; i < 3; ++i) {
         logs[i] = Start("", Cases[i].local);
         const int port = collector_.Accept(clients[i]);
