@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <errno.h>
+#include <new>
 #include <stdlib.h>
 
 #include "support/BaseString.h"
@@ -22,20 +23,29 @@ int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDire
     if (PrepareToServe(port, retryNumber, retryTime) != 0)
         return 1;
     while (stop_ != Stop::Done) {
-        if (IsNothingAlive())
-            BaseProcess::CleanZombiProcess();
-        WaitForActivity();
-        ReceiveSignals();          // before serving: a kill must not hit what has just ended
-        checks_.CollectVerdicts(); // before serving: a good user is served in this turn
-        AcceptClients();
-        ServeCompleteRequests();
-        PushAnswers();
-        CheckForLaunchedCommand(); // before the life times: what has ended by itself did not expire
-        CheckConnectionLife();
-        AdvanceEndings();
-        AdvanceShutdown(); // last: it looks at what the steps before have left
+        try {
+            ServeOneTurn();
+        } catch (const std::bad_alloc&) {
+            BaseString::PutTrace("Error out of memory", 1);
+        }
     }
     return 0;
+}
+
+void RuvelServer::ServeOneTurn()
+{
+    if (IsNothingAlive())
+        BaseProcess::CleanZombiProcess();
+    WaitForActivity();
+    ReceiveSignals();          // before serving: a kill must not hit what has just ended
+    checks_.CollectVerdicts(); // before serving: a good user is served in this turn
+    AcceptClients();
+    ServeCompleteRequests();
+    PushAnswers();
+    CheckForLaunchedCommand(); // before the life times: what has ended by itself did not expire
+    CheckConnectionLife();
+    AdvanceEndings();
+    AdvanceShutdown(); // last: it looks at what the steps before have left
 }
 
 int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
@@ -60,7 +70,8 @@ int RuvelServer::OpenWithRetries(int port, int retryNumber, int retryTime)
     for (int attempt = 0; OpenRuvelServer(port, 0) != 0; ++attempt) {
         if (attempt == furtherAttempts)
             return 1;
-        RuvelServerSleep(pause);
+        if (RuvelServerSleep(pause) != 0)
+            return 1; // told to stop before it had begun
     }
     return 0;
 }

@@ -39,12 +39,14 @@ void LeavingClients::PushOn(const Poller& poller)
 
 bool LeavingClients::IsGone(Client& client, short events, long long now)
 {
+    // A client that never stops sending gets no longer than a silent one.
+    if (client.draining)
+        return Deadline::IsPast(client.deadline, now) || (events != 0 && Drain(client));
     if (events != 0)
-        return client.draining ? Drain(client) : Write(client);
+        return Write(client);
     if (!Deadline::IsPast(client.deadline, now))
         return false;
-    if (!client.draining)
-        BaseString::PutTrace("Error client takes nothing of its answer : dropped", 1);
+    BaseString::PutTrace("Error client takes nothing of its answer : dropped", 1);
     return true;
 }
 

@@ -3,7 +3,11 @@
 #include "protocol/RequestForms.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
+#include "support/Clock.h"
 
+#include <algorithm>
+#include <climits>
+#include <poll.h>
 #include <unistd.h>
 
 const char* const RuvelServer::UniversalSeparator = protocol::Separator;
@@ -74,5 +78,10 @@ void RuvelServer::CloseRuvelServer()
 
 int RuvelServer::RuvelServerSleep(const int& seconds)
 {
-    return static_cast<int>(sleep(static_cast<unsigned>(seconds)));
+    // The termination signals are blocked and wait on their descriptor: sleep() would not see them.
+    pollfd signals = {signalDescriptor_, POLLIN, 0};
+    const long long end = Clock::SteadyMilliseconds() + 1000LL * seconds;
+    poll(&signals, 1, static_cast<int>(std::min<long long>(1000LL * seconds, INT_MAX)));
+    const long long left = end - Clock::SteadyMilliseconds();
+    return left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
 }

@@ -55,7 +55,8 @@ public:
      * address. 0, or 1 with the reason traced and the socket closed. */
     int OpenRuvelServer(const int& firstPort, const int& extraPorts);
     void CloseRuvelServer();
-    /** Blocks the whole daemon; only between attempts to open. What sleep() returns. */
+    /** Blocks the whole daemon; only between attempts to open. As sleep(): the seconds that were left when a
+     * signal came, else 0. */
     int RuvelServerSleep(const int& seconds);
 
     /**
@@ -86,6 +87,7 @@ private:
     enum class Stop { No, Demanded, EndingWork, AwaitingLogs, EndingLogs, TakingLeave, Done };
 
     // Start-up and the turn (DaemonLoop.cpp).
+    void ServeOneTurn();
     int PrepareToServe(int port, int retryNumber, int retryTime);
     int OpenWithRetries(int port, int retryNumber, int retryTime);
     int ProbeDataPort();
