@@ -109,8 +109,6 @@ bool TreeRemainder::Advance()
         tree_.Signal(SIGKILL);
         ++killsSent_;
     } else {
-        if (tree_.CountAlive() == 0)
-            tree_.Signal(0); // a dying member may have left a child behind: look once more
         nextLook_ = Deadline::Earlier(nextLook_, killAt_);
     }
     return tree_.CountAlive() == 0 || killsSent_ == MostKills;
