@@ -5,9 +5,7 @@
 #include <climits>
 #include <cstring>
 
-#include "connections/DataConnection.h"
 #include "connections/ProgressReport.h"
-#include "connections/UnfinishedFile.h"
 #include "connections/UserNames.h"
 #include "protocol/TransferTexts.h"
 #include "support/BaseString.h"
@@ -20,13 +18,7 @@
 
 namespace
 {
-constexpr int AcceptAttempts = 30;
-constexpr int ConnectionAttempts = 15;
 constexpr std::size_t BlockSize = 16384; // the first block's check sum crosses the wire: not to be changed
-
-// Modes of ImpersonateUser.
-constexpr int CheckPassword = 0;
-constexpr int TrustEarlierCheck = 1;
 
 constexpr mode_t NewFileMode = 0666; // less the umask
 
@@ -137,7 +129,7 @@ int TransferConnection::ThreadOrProcessRoutine()
 int TransferConnection::TakeIdentity()
 {
     if (verdict_ != Verdict::Refused &&
-        Impersonate(verdict_ == Verdict::Good ? TrustEarlierCheck : CheckPassword) == 0)
+        Impersonate(verdict_ == Verdict::Good ? PasswordMode::TrustEarlierCheck : PasswordMode::Check) == 0)
         return 0;
     const QORUnicodeString reason =
         verdict_ == Verdict::Refused ? refusal_ : GetProcess().BaseProcessGetLastError();
@@ -146,11 +138,12 @@ int TransferConnection::TakeIdentity()
     return 1;
 }
 
-int TransferConnection::Impersonate(const int& mode)
+int TransferConnection::Impersonate(PasswordMode mode)
 {
     savedIdentity_.groupCount = SavedIdentity::GroupCapacity;
     return GetProcess().ImpersonateUser(user_, credential_, savedIdentity_.userId, savedIdentity_.groupId,
-                                        savedIdentity_.groups, savedIdentity_.groupCount, mode);
+                                        savedIdentity_.groups, savedIdentity_.groupCount,
+                                        static_cast<int>(mode));
 }
 
 int TransferConnection::Restore()
@@ -179,63 +172,6 @@ int TransferConnection::RunAsUser()
 int TransferConnection::RunTransfer()
 {
     return transferType_ == Get ? TransferGet() : TransferPut();
-}
-
-int TransferConnection::OpenDataConnection()
-{
-    return passive_ != 0 ? ConnectToClient() : AcceptClient();
-}
-
-int TransferConnection::AcceptClient()
-{
-    sockaddr_in client{};
-    for (int i = 0; i < AcceptAttempts; ++i)
-        if (listeningDataSocket_.AcceptConnectionFromClientWithTimeOut(
-                dataSocket_, client, DataConnection::AttemptTimeOut, 0) == BaseSocket::Accepted)
-            return 0;
-    BaseString::PutTrace(listeningDataSocket_.BaseSocketGetLastError(), 1);
-    return 1;
-}
-
-int TransferConnection::ConnectToClient()
-{
-    const int result = DataConnection::Retry(ConnectionAttempts, [this] { return AttemptConnection(); });
-    if (result == DataConnection::Failed)
-        BaseString::PutTrace(dataSocket_.BaseSocketGetLastError(), 1);
-    return result == DataConnection::Connected ? 0 : 1;
-}
-
-int TransferConnection::AttemptConnection()
-{
-    if (bindDataSocket_ == 0 || localAddress_ == nullptr)
-        return DataConnection::ConnectFrom(dataSocket_, localAddress_, passiveHostAddress_, passivePort_);
-    const int bound = BindAsDaemon();
-    if (bound == DataConnection::GiveUp)
-        return bound;
-    return DataConnection::ConnectAfterBind(dataSocket_, bound, passiveHostAddress_, passivePort_);
-}
-
-/** The port is the daemon's, and so may be the right to bind it: 0, Failed, or GiveUp when the worker could
- * not change to the daemon's identity or back. */
-int TransferConnection::BindAsDaemon()
-{
-    if (noImpersonation_ != 0)
-        return dataSocket_.Bind(*localAddress_);
-    // Not even the removal of an unfinished file may happen under this identity.
-    const TerminationHold hold;
-    mayTouchFiles_ = false;
-    if (Restore() != 0) {
-        BaseString::PutTrace("Error in RestoreUser() : ", GetProcess().BaseProcessGetLastError(), 1);
-        return DataConnection::GiveUp;
-    }
-    const int bound = dataSocket_.Bind(*localAddress_);
-    if (Impersonate(TrustEarlierCheck) != 0) {
-        BaseString::PutTrace("Error in ImpersonateUser() : ", GetProcess().BaseProcessGetLastError(), 1);
-        dataSocket_.CloseBaseSocket();
-        return DataConnection::GiveUp;
-    }
-    mayTouchFiles_ = true;
-    return bound;
 }
 
 int TransferConnection::OpenRemoteFile(int flags)

@@ -67,12 +67,14 @@ private:
     };
 
     enum class Verdict { NotGiven, Good, Refused };
+    /** The modes of ImpersonateUser(). */
+    enum class PasswordMode { Check = 0, TrustEarlierCheck = 1 };
 
     int TakeIdentity();
     int RunAsUser();
     int RunTransfer();
-    /** Switches to the user: 0, or nonzero with the process' last error. Mode as for ImpersonateUser(). */
-    int Impersonate(const int& mode);
+    /** Switches to the user: 0, or nonzero with the process' last error. */
+    int Impersonate(PasswordMode mode);
     int Restore();
 
     // The data connection, once the client has been told of it: 0, else 1 and traced.
@@ -124,8 +126,6 @@ private:
     Verdict verdict_ = Verdict::NotGiven;
     QORUnicodeString refusal_;
     SavedIdentity savedIdentity_;
-    /** False when the worker is not, or not surely, the user: it must not touch files by name then. */
-    bool mayTouchFiles_ = true;
     int transferType_ = Put;
     int ascii_ = 0;
     QORUnicodeString remoteFile_;

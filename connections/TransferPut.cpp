@@ -47,8 +47,7 @@ int TransferConnection::TransferPut()
         OpenDataConnection() == 0 && ReceiveFile() == 0)
         return 0;
     file_.Close();
-    if (mayTouchFiles_)
-        unfinished.Remove();
+    unfinished.Remove();
     return 1;
 }
 

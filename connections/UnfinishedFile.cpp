@@ -35,7 +35,6 @@ TerminationHold::~TerminationHold()
 
 void UnfinishedFile::Watch()
 {
-    isWatched_ = true;
     watchedPath = path_;
     struct sigaction action = {};
     action.sa_handler = RemoveAndEnd;
@@ -45,11 +44,17 @@ void UnfinishedFile::Watch()
 
 void UnfinishedFile::Remove()
 {
-    if (isWatched_)
+    if (watchedPath == path_)
         remove(path_);
+    Abandon();
+}
+
+void UnfinishedFile::Abandon()
+{
+    watchedPath = nullptr;
 }
 
 UnfinishedFile::~UnfinishedFile()
 {
-    watchedPath = nullptr;
+    Abandon();
 }

@@ -34,8 +34,9 @@ public:
     void Watch();
     /** The file, if watched, is removed. */
     void Remove();
+    /** Whatever is watched stays from now on: this process is no longer the one that may remove it. */
+    static void Abandon();
 
 private:
     const char* path_;
-    bool isWatched_ = false;
 };
