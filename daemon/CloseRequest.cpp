@@ -5,9 +5,7 @@
 namespace
 {
 
-/** How long logs may take to be delivered by themselves once everything else has ended, milliseconds. */
-constexpr long long LogLimit = 300'000;
-/** What the clients that are still being taken leave of may take, all of them together. */
+/** What the clients that are still being taken leave of may take, all of them together; milliseconds. */
 constexpr long long LeaveLimit = 3'000;
 
 } // namespace
@@ -53,7 +51,7 @@ void RuvelServer::AdvanceShutdown()
     }
     if (stop_ == Stop::EndingWork && IsWorkEnded()) {
         stop_ = Stop::AwaitingLogs;
-        stopDeadline_ = now + LogLimit;
+        stopDeadline_ = now + 1000LL * Ladders::LogSeconds;
     }
     if (stop_ == Stop::AwaitingLogs && logs_.Size() != 0 && Deadline::IsPast(stopDeadline_, now)) {
         stop_ = Stop::EndingLogs;

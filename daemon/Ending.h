@@ -16,16 +16,18 @@ struct LadderStep {
 };
 using Ladder = std::span<const LadderStep>;
 
-/** The ladders, as data. */
+/** The ladders, as data (Ladders.cpp). */
 namespace Ladders
 {
 /** A log's or transfer's worker. */
-inline constexpr LadderStep Worker[] = {{0, 90}, {1, 30}};
+extern const LadderStep Worker[2];
 /** A command's tree, when its life or the daemon's is over. */
-inline constexpr LadderStep CommandTree[] = {{0, 60}, {1, 30}};
+extern const LadderStep CommandTree[2];
 /** A kill request's own signal for a command. */
-inline constexpr LadderStep GentleKill[] = {{0, 60}};
-inline constexpr LadderStep ForcedKill[] = {{1, 60}};
+extern const LadderStep GentleKill[1];
+extern const LadderStep ForcedKill[1];
+/** Seconds that logs have at shutdown to be delivered by themselves, before their ladder begins. */
+extern const int LogSeconds;
 } // namespace Ladders
 
 /** Who demanded an end, which decides what the work's own client is told. */
