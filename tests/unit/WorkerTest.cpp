@@ -20,6 +20,14 @@ class TestWorker : public ThreadOrProcessConnection
 public:
     explicit TestWorker(std::function<int()> routine) : routine_(std::move(routine)) {}
     int ThreadOrProcessRoutine() override { return routine_(); }
+    int RunNothing()
+    {
+        ChildId worker;
+        int status = -1;
+        EXPECT_EQ(_InitThreadOrProcess(worker, nullptr, nullptr), 0);
+        EXPECT_EQ(_WaitThreadOrProcess(worker, status, 20), 1);
+        return status;
+    }
     bool HasBoard() const { return GetStatusBoard() != nullptr; }
     int Publish(const char* text) { return GetStatusBoard()->Write(text); }
     std::string Status() const
@@ -98,6 +106,11 @@ TEST_F(Worker, EndsWithItsResult)
     ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
     EXPECT_EQ(worker.WaitThreadOrProcess(status_, -1), 1);
     EXPECT_EQ(status_, 3);
+}
+
+TEST_F(Worker, SaysThatItHadNothingToRun)
+{
+    EXPECT_EQ(TestWorker(nullptr).RunNothing(), 111);
 }
 
 TEST_F(Worker, IsStartedOnceAndReportsItsSignal)
