@@ -55,6 +55,7 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
         BaseString::PutTrace("Error unable to receive signals : ", strerror(errno), 1);
         return 1;
     }
+    waiting_.SetDescriptorLimit(sysconf(_SC_OPEN_MAX));
     if (!noPasswordCheck_)
         ProcessSetup::KeepMemoryPrivate();
     environmentEntry_ = "RUVELSERVER_TMP=";
@@ -150,8 +151,10 @@ void RuvelServer::AcceptClients()
 {
     if (listeningSocket_ == nullptr)
         return;
-    waiting_.AcceptAndRead(poller_, *listeningSocket_,
-                           [this] { return leaving_.MakeRoom() || waiting_.MakeRoom(); });
+    waiting_.AcceptAndRead(poller_, *listeningSocket_, [this] {
+        if (!leaving_.MakeRoom())
+            waiting_.MakeRoom();
+    });
 }
 
 void RuvelServer::ServeCompleteRequests()

@@ -30,6 +30,11 @@ void Complete(WaitingClient& client)
 
 } // namespace
 
+void WaitingClients::SetDescriptorLimit(long limit)
+{
+    mostReading_ = static_cast<int>(std::clamp<long>((limit - Headroom) / 2, 1, MostReading));
+}
+
 void WaitingClients::AddTo(Poller& poller, const BaseSocket& listening)
 {
     listeningSlot_ = Poller::NoSlot;
@@ -41,7 +46,7 @@ void WaitingClients::AddTo(Poller& poller, const BaseSocket& listening)
 }
 
 void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
-                                   const std::function<bool()>& freeDescriptor)
+                                   const std::function<void()>& freeDescriptor)
 {
     const long long now = Clock::SteadyMilliseconds();
     for (auto& client : clients_) {
@@ -56,14 +61,12 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
         acceptAgainAt_ = Deadline::Never;
     if (!resume && poller.Events(listeningSlot_) == 0)
         return;
-    for (int i = 0; i < MostPerTurn && AcceptOne(listening); ++i)
+    for (int i = 0; i < MostPerTurn && AcceptOne(listening, freeDescriptor); ++i)
         ;
-    if (acceptAgainAt_ != Deadline::Never)
-        freeDescriptor();
 }
 
 /** False when nobody is there to be accepted. */
-bool WaitingClients::AcceptOne(BaseSocket& listening)
+bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<void()>& freeDescriptor)
 {
     auto client = std::make_unique<WaitingClient>();
     sockaddr_in address{};
@@ -74,10 +77,11 @@ bool WaitingClients::AcceptOne(BaseSocket& listening)
     if (result == BaseSocket::AcceptFailed) {
         TraceExhaustion(listening.BaseSocketGetLastError());
         acceptAgainAt_ = Clock::SteadyMilliseconds() + ExhaustionPause;
+        freeDescriptor();
         return false;
     }
     exhausted_ = false;
-    if (readingCount_ >= MostReading)
+    if (readingCount_ >= mostReading_)
         MakeRoom();
     const long long now = Clock::SteadyMilliseconds();
     client->connection.SetPeer(address, now);

@@ -11,9 +11,9 @@
  * reads, and tells which requests are complete; it understands none. Owned by the server, used in its loop;
  * never waits.
  *
- * At most `MostReading` clients may be without a complete request. Then the one that has waited longest
- * makes room, from the address that holds most of them, so that a crowd of silent connections keeps nobody
- * out.
+ * At most MostReading clients, fewer where descriptors are few, may be without a complete request. Then the
+ * one that has waited longest makes room, from the address that holds most of them, so that a crowd of silent
+ * connections keeps nobody out.
  */
 class WaitingClients
 {
@@ -21,6 +21,8 @@ public:
     static constexpr int MostReading = 1024;
     /** How many clients are accepted, and how many requests are served, in one turn. */
     static constexpr int MostPerTurn = 16;
+    /** Descriptors that the daemon needs whoever waits. */
+    static constexpr long Headroom = 32;
     /** Pause before clients are accepted again once descriptors or memory have run out, in milliseconds. */
     static constexpr long long ExhaustionPause = 100;
 
@@ -29,14 +31,16 @@ public:
     WaitingClients(const WaitingClients&) = delete;
     WaitingClients& operator=(const WaitingClients&) = delete;
 
+    /** The process may have so many descriptors open: half of what they leave goes to serving requests. */
+    void SetDescriptorLimit(long limit);
     /** Adds the listening socket, unless accepting pauses, and everybody whose bytes are awaited. */
     void AddTo(Poller& poller, const BaseSocket& listening);
     /**
      * Accepts up to MostPerTurn clients and reads what has arrived of every request. `freeDescriptor` is
-     * asked to close something when descriptors have run out, and says whether it did.
+     * asked to close something when descriptors run out.
      */
     void AcceptAndRead(const Poller& poller, BaseSocket& listening,
-                       const std::function<bool()>& freeDescriptor);
+                       const std::function<void()>& freeDescriptor);
     /** The client that has waited longest among those whose request is complete, or null. */
     WaitingClient* NextComplete();
     /** Deletes the clients that are gone; everybody else stays where it is. */
@@ -51,7 +55,7 @@ public:
     bool MakeRoom();
 
 private:
-    bool AcceptOne(BaseSocket& listening);
+    bool AcceptOne(BaseSocket& listening, const std::function<void()>& freeDescriptor);
     void Read(WaitingClient& client);
     void CheckDeadlines(WaitingClient& client, long long now);
     void TraceExhaustion(const QORUnicodeString& reason);
@@ -59,6 +63,7 @@ private:
     const int& readTimeOut_;
     std::vector<std::unique_ptr<WaitingClient>> clients_; // in the order of acceptance
     int readingCount_ = 0;
+    int mostReading_ = MostReading;
     int listeningSlot_ = Poller::NoSlot;
     bool exhausted_ = false;
     long long acceptAgainAt_ = Deadline::Never;
