@@ -46,8 +46,7 @@ int OpenNew(const std::string& name)
     const int descriptor = open(name.c_str(), flags, OnlyForItsUser);
     if (descriptor >= 0 || errno != EEXIST)
         return descriptor;
-    struct stat status {
-    };
+    struct stat status = {};
     if (lstat(name.c_str(), &status) != 0 || FindFault(status, geteuid()) != nullptr ||
         unlink(name.c_str()) != 0) {
         errno = EEXIST;
@@ -59,8 +58,7 @@ int OpenNew(const std::string& name)
 /** 0 when the new file is what it must be and has become the user's; else nonzero and the reason. */
 int HandOver(int descriptor, uid_t userId, gid_t groupId, const char*& reason)
 {
-    struct stat status {
-    };
+    struct stat status = {};
     reason = FindFault(descriptor, geteuid(), status);
     if (reason != nullptr)
         return 1;
@@ -98,8 +96,7 @@ int OpenForReading(const std::string& name, uid_t userId, std::string& error)
     const int descriptor = open(name.c_str(), O_RDONLY | Guarded);
     if (descriptor < 0)
         return Fail(strerror(errno), name, error);
-    struct stat status {
-    };
+    struct stat status = {};
     if (const char* reason = FindFault(descriptor, userId, status)) {
         close(descriptor);
         return Fail(reason, name, error);

@@ -7,33 +7,44 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/FileDescriptor.h"
 
 namespace
 {
-constexpr std::size_t LongestStatus = 4096;
+constexpr std::size_t LongestStatus = 1024;
+constexpr std::size_t FirstBlock = 4096;
 constexpr std::size_t LongestChildrenList = 4194304; // ids, as text: more than a machine has processes
 // Far more than an ordinary environment; a hostile one is not read to its end.
 constexpr std::size_t LongestEnvironment = 262144;
 
-/** At most `limit` bytes of the file; empty when it cannot be read. */
-std::string ReadFile(const std::string& name, std::size_t limit)
+/** At most `limit` bytes. */
+std::string ReadAll(const FileDescriptor& file, std::size_t limit)
 {
-    const FileDescriptor file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
     std::string content;
-    if (!file.IsOpen())
-        return content;
     std::size_t length = 0;
     ssize_t count = 0;
     do {
         length += static_cast<std::size_t>(count);
-        content.resize(std::min(limit, std::max(LongestStatus, length * 2)));
+        content.resize(std::min(limit, std::max(FirstBlock, length * 2)));
         count = read(file.Number(), content.data() + length, content.size() - length);
     } while (count > 0);
     content.resize(length);
     return content;
+}
+
+FileDescriptor OpenFile(const std::string& name)
+{
+    return FileDescriptor(open(name.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+/** Empty when it cannot be read. */
+std::string ReadFile(const std::string& name, std::size_t limit)
+{
+    const FileDescriptor file = OpenFile(name);
+    return file.IsOpen() ? ReadAll(file, limit) : std::string();
 }
 
 std::string FolderOf(pid_t processId)
@@ -65,11 +76,22 @@ std::vector<pid_t> ListIds(const std::string& folder)
 
 std::vector<pid_t> ListThreads(pid_t processId)
 {
-    ProcessStatus status;
-    // Most have one thread: that spares reading the folder.
-    if (ProcessFiles::ReadStatus(processId, status) && status.threads == 1)
+    const std::string folder = FolderOf(processId) + "/task";
+    struct stat status = {};
+    // The folder's links count its sub-folders and two more. Most processes have one thread, whose id is
+    // their own: that spares reading the folder.
+    if (stat(folder.c_str(), &status) == 0 && status.st_nlink == 3)
         return {processId};
-    return ListIds(FolderOf(processId) + "/task");
+    return ListIds(folder);
+}
+
+/** One read gets all of it. */
+std::string ReadStatusLine(const std::string& folder)
+{
+    const FileDescriptor file = OpenFile(folder + "/stat");
+    char line[LongestStatus];
+    const ssize_t count = file.IsOpen() ? read(file.Number(), line, sizeof line) : -1;
+    return count > 0 ? std::string(line, static_cast<std::size_t>(count)) : std::string();
 }
 
 bool ParseStatus(const std::string& line, ProcessStatus& status)
@@ -83,13 +105,27 @@ bool ParseStatus(const std::string& line, ProcessStatus& status)
     return sscanf(line.c_str() + nameEnd, fields, &status.state, &status.parent, &status.session,
                   &status.threads, &status.startTime) == 5;
 }
+
+/** Alive, and with a memory that holds no environment yet. */
+bool IsBetweenPrograms(pid_t processId)
+{
+    constexpr int environmentEnd = 51; // the field's number
+    const std::string line = ReadStatusLine(FolderOf(processId));
+    ProcessStatus status;
+    if (!ParseStatus(line, status) || status.HasEnded())
+        return false;
+    std::size_t position = line.rfind(')') + 1; // in front of the third field
+    for (int field = 3; field < environmentEnd && position != std::string::npos; ++field)
+        position = line.find(' ', position + 1);
+    return position != std::string::npos && line.compare(position, 3, " 0 ") == 0;
+}
 } // namespace
 
 namespace ProcessFiles
 {
 bool ReadStatus(pid_t processId, ProcessStatus& status)
 {
-    return ParseStatus(ReadFile(FolderOf(processId) + "/stat", LongestStatus), status);
+    return ParseStatus(ReadStatusLine(FolderOf(processId)), status);
 }
 
 bool IsStill(pid_t processId)
@@ -101,17 +137,21 @@ bool IsStill(pid_t processId)
         return status.IsStill();
     const std::vector<pid_t> threads = ListIds(FolderOf(processId) + "/task");
     return std::all_of(threads.begin(), threads.end(), [&](pid_t thread) {
-        return !ParseStatus(ReadFile(FolderOf(processId, thread) + "/stat", LongestStatus), status) ||
-               status.IsStill();
+        return !ParseStatus(ReadStatusLine(FolderOf(processId, thread)), status) || status.IsStill();
     });
 }
 
-bool HasEnvironmentEntry(pid_t processId, std::string_view entry)
+Answer HasEnvironmentEntry(pid_t processId, std::string_view entry)
 {
+    const FileDescriptor file = OpenFile(FolderOf(processId) + "/environ");
+    if (!file.IsOpen())
+        return Answer::No;
+    const std::string content = ReadAll(file, LongestEnvironment);
+    if (content.empty())
+        return IsBetweenPrograms(processId) ? Answer::NotYet : Answer::No;
     // Every entry ends with a NUL; a NUL in front of the first makes all of them look alike.
-    const std::string environment = '\0' + ReadFile(FolderOf(processId) + "/environ", LongestEnvironment);
     const std::string whole = '\0' + std::string(entry) + '\0';
-    return environment.find(whole) != std::string::npos;
+    return ('\0' + content).find(whole) != std::string::npos ? Answer::Yes : Answer::No;
 }
 } // namespace ProcessFiles
 

@@ -27,8 +27,10 @@ namespace ProcessFiles
 bool ReadStatus(pid_t processId, ProcessStatus& status);
 /** True when no thread of it runs: each one has stopped or ended. True of a process that is gone. */
 bool IsStill(pid_t processId);
-/** True when `entry` (NAME=value) is one of the environment's entries, as far as that may be read. */
-bool HasEnvironmentEntry(pid_t processId, std::string_view entry);
+enum class Answer { No, Yes, NotYet };
+/** Whether `entry` (NAME=value) is one of the environment's entries; No when that may not be read, NotYet
+ * while the process is just exchanging its program for another and has no environment. */
+Answer HasEnvironmentEntry(pid_t processId, std::string_view entry);
 } // namespace ProcessFiles
 
 /**

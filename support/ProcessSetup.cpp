@@ -40,8 +40,7 @@ int OpenStandardDescriptors()
 
 bool IsIgnored(int signal)
 {
-    struct sigaction current {
-    };
+    struct sigaction current = {};
     return sigaction(signal, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
            current.sa_handler == SIG_IGN;
 }
@@ -51,8 +50,7 @@ void StopIgnoring(int signal)
 {
     if (!IsIgnored(signal))
         return;
-    struct sigaction byDefault {
-    };
+    struct sigaction byDefault = {};
     byDefault.sa_handler = SIG_DFL;
     sigaction(signal, &byDefault, nullptr);
 }
@@ -89,8 +87,7 @@ int BecomeSupervisor()
         if (signal != SIGHUP)
             StopIgnoring(signal);
     // A command that stops and continues itself all day must not wake its supervisor each time.
-    struct sigaction onlyEnds {
-    };
+    struct sigaction onlyEnds = {};
     onlyEnds.sa_handler = SIG_DFL;
     onlyEnds.sa_flags = SA_NOCLDSTOP;
     sigaction(SIGCHLD, &onlyEnds, nullptr);

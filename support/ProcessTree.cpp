@@ -38,19 +38,24 @@ class ProcessTree::Search
 public:
     explicit Search(ProcessTree& tree);
 
-    /** One walk over the tree. True when it found nothing new, and nothing had moved meanwhile. */
-    bool FindNothingNew();
+    /** One walk over the tree. */
+    void Walk();
+    /** The last walk found new members. */
+    bool HasGrown() const { return grown_; }
+    /** It did not, and left nothing in doubt either. */
+    bool IsSettled() const { return !grown_ && !doubtful_; }
     bool AreAllStill() const;
     bool Holds(pid_t processId) const { return members_.contains(processId); }
 
 private:
     bool IsSessionStillTheirs() const;
-    bool IsOfTheTree(pid_t orphan);
+    void Consider(pid_t orphan);
     void Hold(pid_t processId, const Member* parent);
 
     ProcessTree& tree_;
     bool sessionIsTheirs_;
-    bool quiet_ = true;
+    bool grown_ = false;
+    bool doubtful_ = false;
     std::unordered_set<pid_t> members_;
     std::unordered_set<pid_t> strangers_; // orphans that have been looked at: once a search is enough
 };
@@ -75,13 +80,27 @@ bool ProcessTree::Search::IsSessionStillTheirs() const
     });
 }
 
-bool ProcessTree::Search::IsOfTheTree(pid_t orphan)
+/** Takes the orphan in if it is of the tree, and does not ask again if it is not. */
+void ProcessTree::Search::Consider(pid_t orphan)
 {
     ProcessStatus status;
     if (!ProcessFiles::ReadStatus(orphan, status))
-        return false;
-    return (sessionIsTheirs_ && status.session == tree_.command_.processId) ||
-           ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_);
+        return;
+    if (sessionIsTheirs_ && status.session == tree_.command_.processId) {
+        Hold(orphan, nullptr);
+        return;
+    }
+    switch (ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_)) {
+    case ProcessFiles::Answer::Yes:
+        Hold(orphan, nullptr);
+        break;
+    case ProcessFiles::Answer::No:
+        strangers_.insert(orphan);
+        break;
+    case ProcessFiles::Answer::NotYet:
+        doubtful_ = true;
+        break;
+    }
 }
 
 /** `parent` null: a child of this process, whose id stays its own because nobody else reaps it. */
@@ -99,37 +118,33 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     member.startTime = status.startTime;
     if (parent != nullptr &&
         (status.parent != parent->processId || Send(*parent, 0) != 0 || Send(member, 0) != 0)) {
-        quiet_ = false; // it has lost its parent just now: to be found among the orphans
+        doubtful_ = true; // it has lost its parent just now: to be found among the orphans
         return;
     }
-    quiet_ = false;
+    grown_ = true;
     members_.insert(processId);
     Send(member, SIGSTOP);
     tree_.members_.push_back(std::move(member));
 }
 
-bool ProcessTree::Search::FindNothingNew()
+void ProcessTree::Search::Walk()
 {
-    quiet_ = true;
+    grown_ = false;
+    doubtful_ = false;
     ChildrenReader reader;
     const auto command = static_cast<pid_t>(tree_.command_.processId);
     if (ChildTable::IsRunning(tree_.command_) && !members_.contains(command))
         Hold(command, nullptr);
     for (const pid_t child : reader.ListChildren(getpid())) {
         // Another command or a worker is no orphan, whatever it bears.
-        if (members_.contains(child) || strangers_.contains(child) || ChildTable::HoldsRunning(child))
-            continue;
-        if (IsOfTheTree(child))
-            Hold(child, nullptr);
-        else
-            strangers_.insert(child);
+        if (!members_.contains(child) && !strangers_.contains(child) && !ChildTable::HoldsRunning(child))
+            Consider(child);
     }
     // Members found here are walked too: they join at the end.
     for (std::size_t i = 0; i < tree_.members_.size(); ++i)
         for (const pid_t child : reader.ListChildren(tree_.members_[i].processId))
             if (child > 1 && child != getpid() && !members_.contains(child))
                 Hold(child, &tree_.members_[i]);
-    return quiet_;
 }
 
 bool ProcessTree::Search::AreAllStill() const
@@ -199,13 +214,14 @@ void ProcessTree::Signal(int signal)
     for (;;) {
         // A tree that stood still before a walk, and in which the walk found nobody new, is complete.
         const bool still = search.AreAllStill();
-        const bool complete = search.FindNothingNew();
-        if ((still && complete) || Clock::SteadyMilliseconds() - start > MostMilliseconds)
+        search.Walk();
+        if ((still && search.IsSettled()) || Clock::SteadyMilliseconds() - start > MostMilliseconds)
             break;
-        if (complete && ++naps > MostNaps)
+        if (search.HasGrown())
+            continue;
+        if (++naps > MostNaps)
             break;
-        if (complete)
-            Nap();
+        Nap();
     }
     for (const Member& member : members_)
         Send(member, signal);

@@ -59,8 +59,7 @@ TEST_F(LogFileTest, OnlyItsUserReadsAndOnlyOwnFilesAreReplaced)
 
     // Given to a stranger: root may, anybody else is refused and leaves no file.
     const int given = LogFile::Create(Path("given"), somebody, getegid(), reason);
-    struct stat status {
-    };
+    struct stat status = {};
     if (geteuid() != 0) {
         EXPECT_EQ(given, -1);
         EXPECT_NE(stat(Path("given").c_str(), &status), 0);
@@ -85,8 +84,7 @@ TEST_F(LogFileTest, WhoHoldsAnOldFileOpenSeesNothingOfTheNewOne)
     EXPECT_EQ(read(spy.Number(), seen, sizeof seen), 3);
     EXPECT_STREQ(seen, "old");
     EXPECT_EQ(commands::ReadFile(Path("log")), "new");
-    struct stat status {
-    };
+    struct stat status = {};
     fstat(made.Number(), &status);
     EXPECT_EQ(status.st_mode, S_IFREG | 0600U);
     EXPECT_EQ(fcntl(made.Number(), F_GETFL) & (O_NONBLOCK | O_APPEND), O_APPEND);

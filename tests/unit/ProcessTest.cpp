@@ -287,8 +287,7 @@ TEST_P(InheritanceTest, StreamsLeadWhereTheyShould)
     }
     EXPECT_EQ(input, "/dev/null");
     EXPECT_EQ(output, Path("log"));
-    struct stat log {
-    };
+    struct stat log = {};
     ASSERT_EQ(stat(Path("log").c_str(), &log), 0);
     EXPECT_EQ(log.st_mode, S_IFREG | 0600U);
     EXPECT_EQ(log.st_uid, account_.userId);

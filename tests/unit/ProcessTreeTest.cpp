@@ -1,0 +1,236 @@
+#include <algorithm>
+
+#include <pthread.h>
+#include <sys/syscall.h>
+
+#include "support/FileDescriptor.h"
+#include "tests/unit/Commands.h"
+
+namespace
+{
+using commands::WaitUntil;
+
+class ProcessTreeTest : public commands::CommandTest
+{
+protected:
+    ProcessTreeTest()
+    {
+        // Writes its id into "ids" and then does nothing for longer than any test takes.
+        std::ofstream(Path("member")) << Witness() << "; exec sleep 1000\n";
+    }
+
+    std::string Witness() const { return "echo $$ >> " + Path("ids"); }
+
+    /** Starts what `shell` says, with a command that is a member in place of each @, and one that makes the
+     * shell itself a member in place of each %. */
+    void StartTree(BaseProcess& process, const std::string& shell)
+    {
+        std::string command;
+        for (const char c : shell)
+            command += c == '@' ? "sh " + Path("member") : c == '%' ? Witness() : std::string(1, c);
+        process.SetOutputAndErrorFileName(Path("log" + std::to_string(++logs_)));
+        ASSERT_EQ(process.StartBaseProcess(command, nullptr, 0, 0), 0);
+    }
+
+    static std::size_t CountOf(const std::vector<pid_t>& ids)
+    {
+        return static_cast<std::size_t>(std::count_if(ids.begin(), ids.end(), IsAlive));
+    }
+
+    static bool IsNobodyLeft()
+    {
+        return WaitUntil([] {
+            ChildTable::Reap();
+            return waitpid(-1, nullptr, WNOHANG) == -1;
+        });
+    }
+
+private:
+    int logs_ = 0;
+};
+
+TEST_F(ProcessTreeTest, AForcedEndReachesWhoeverHasLeft)
+{
+    // Each of these leaves one process behind that bears witness.
+    const char* const members[] = {
+        "@ &",                                    // a child
+        "sh -c '@ & wait' &",                     // a grandchild
+        "setsid @ &",                             // of a session of its own
+        "(@ &)",                                  // an orphan
+        "(setsid @ &)",                           // an orphan of a session of its own
+        "(env -i @ &)",                           // an orphan that bears no mark
+        "(setsid sh -c '(setsid @ &)' &)",        // an orphan's orphan
+        "(sh -c '%; kill -STOP $$' &)",           // a stopped orphan
+        "sh -c 'kill -STOP $$' & @ &",            // beside a stopped one
+        "sh -c 'trap \"\" TERM HUP INT; @' &",    // deaf to requests
+        "setsid sh -c 'set -m; @ & @ & wait' & ", // two, each of a group of its own
+    };
+    BaseProcess process;
+    std::string shell;
+    for (const char* const member : members)
+        shell += std::string(member) + "\n";
+    StartTree(process, shell + "wait");
+    const std::vector<pid_t> ids = WaitForIds(std::size(members) + 1);
+    ASSERT_EQ(CountOf(ids), std::size(members) + 1);
+
+    EXPECT_EQ(process.KillBaseProcessTree(1), 0);
+    EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_EQ(CountOf(ids), 0U);
+    EXPECT_TRUE(IsNobodyLeft()) << "somebody who did not bear witness is left";
+}
+
+TEST_F(ProcessTreeTest, OthersAreLeftAlone)
+{
+    BaseProcess bystander;
+    StartTree(bystander, "(@ &); (setsid @ &); @ & wait");
+    const std::vector<pid_t> bystanders = WaitForIds(3);
+    BaseProcess process;
+    StartTree(process, "(@ &); (setsid @ &); @ & wait");
+    const std::vector<pid_t> all = WaitForIds(6);
+    process.KillBaseProcessTree(1);
+    WaitForEnd(process);
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_EQ(CountOf(all), 3U);
+    EXPECT_EQ(CountOf(bystanders), 3U);
+    for (const pid_t id : bystanders) {
+        ProcessStatus status;
+        EXPECT_TRUE(ProcessFiles::ReadStatus(id, status));
+        EXPECT_NE(status.state, 'T') << "stopped and not continued";
+    }
+    int code = 0;
+    EXPECT_EQ(bystander.CheckForProcess(code), 0);
+}
+
+TEST_F(ProcessTreeTest, WhoIgnoresTheRequestIsReachedAfterTheCommandHasEnded)
+{
+    BaseProcess process;
+    StartTree(
+        process,
+        "@ & (setsid sh -c 'trap \"\" TERM; exec @' &); sh -c 'trap \"\" TERM; exec @' & exec sleep 1000");
+    const std::vector<pid_t> ids = WaitForIds(3);
+    EXPECT_EQ(process.KillBaseProcessTree(0), 0);
+    EXPECT_EQ(WaitForEnd(process), 128 + SIGTERM);
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 2; }));
+    EXPECT_EQ(CountOf(ids), 2U);
+    EXPECT_EQ(process.KillBaseProcessTree(1), 0); // what has been handed over is not its any more
+    EXPECT_EQ(tree.CountAlive(), 2);
+
+    tree.Signal(SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_EQ(CountOf(ids), 0U);
+}
+
+TEST_F(ProcessTreeTest, AStoppedTreeHearsTheRequest)
+{
+    BaseProcess process;
+    StartTree(process, "sh -c '%; kill -STOP $$' & %; kill -STOP $$");
+    const std::vector<pid_t> ids = WaitForIds(2);
+    EXPECT_TRUE(WaitUntil([&] {
+        return std::all_of(ids.begin(), ids.end(), [](pid_t id) { return ProcessFiles::IsStill(id); });
+    }));
+    process.KillBaseProcessTree(0);
+    EXPECT_EQ(WaitForEnd(process), 128 + SIGTERM);
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; }));
+}
+
+TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
+{
+    BaseProcess process;
+    // Upon the request it leaves an orphan of another session, and is gone.
+    StartTree(process, "trap '(setsid @ &); exit 3' TERM; %\n"
+                       "while :; do sleep 0.01; done");
+    WaitForIds(1);
+    process.KillBaseProcessTree(0);
+    EXPECT_EQ(WaitForEnd(process), 3);
+    const std::vector<pid_t> ids = WaitForIds(2);
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_EQ(CountOf(ids), 0U);
+}
+
+TEST_F(ProcessTreeTest, ATreeThatIsStillGrowing)
+{
+    BaseProcess process;
+    StartTree(process, "i=0; while [ $i -lt 300 ]; do i=$((i+1)); (setsid @ &); done; wait");
+    WaitForIds(20);
+    process.KillBaseProcessTree(1);
+    EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_TRUE(IsNobodyLeft());
+}
+
+TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
+{
+    for (const int left : {0, 1, 3}) {
+        BaseProcess process;
+        std::filesystem::remove(Path("ids"));
+        StartTree(process, "@ & @ & (@ &); (setsid @ &); wait");
+        const std::vector<pid_t> ids = WaitForIds(4);
+        rlimit before{};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const FileDescriptor next(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const rlimit few{static_cast<rlim_t>(next.Number() + 1 + left), before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        process.KillBaseProcessTree(1);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+        EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+        process.KillBaseProcessTree(1); // finds those that could not be looked for: there are descriptors now
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; })) << left;
+    }
+}
+
+TEST_F(ProcessTreeTest, BothWaysOfFindingChildrenAgree)
+{
+    BaseProcess process;
+    StartTree(process, "@ & @ & (@ &); wait");
+    WaitForIds(3);
+    for (const pid_t parent : {getpid(), static_cast<pid_t>(process.GetProcessId())}) {
+        std::vector<pid_t> listed;
+        EXPECT_TRUE(WaitUntil([&] {
+            ChildTable::Reap();
+            listed = ChildrenReader().ListChildren(parent);
+            return listed.size() == 2; // the shell in between has gone
+        }));
+        std::sort(listed.begin(), listed.end());
+        EXPECT_EQ(listed, ChildrenReader(ChildrenReader::Source::AllProcesses).ListChildren(parent));
+    }
+}
+
+TEST_F(ProcessTreeTest, AProcessWhoseFirstThreadHasEndedStillRuns)
+{
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        static const auto run = [](void* descriptor) -> void* {
+            const pid_t grandchild = fork();
+            if (grandchild == 0)
+                for (;;)
+                    pause();
+            [[maybe_unused]] const auto written =
+                write(*static_cast<int*>(descriptor), &grandchild, sizeof grandchild);
+            for (;;)
+                pause();
+        };
+        pthread_t thread;
+        pthread_create(&thread, nullptr, run, &ready[1]);
+        syscall(SYS_exit, 0); // this thread only
+    }
+    pid_t grandchild = 0;
+    ASSERT_EQ(read(ready[0], &grandchild, sizeof grandchild), static_cast<ssize_t>(sizeof grandchild));
+    ProcessStatus status;
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFiles::ReadStatus(child, status) && status.state == 'Z'; }));
+    EXPECT_FALSE(status.HasEnded());
+    EXPECT_FALSE(ProcessFiles::IsStill(child));
+    EXPECT_EQ(ChildrenReader().ListChildren(child), std::vector<pid_t>{grandchild});
+    kill(child, SIGSTOP);
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFiles::IsStill(child); }));
+    close(ready[0]);
+    close(ready[1]);
+}
+} // namespace
