@@ -118,8 +118,9 @@ private:
         const auto choice = random_() % 8;
         if (choice > 1)
             return waiting_.push_back({std::move(client), answer});
-        if (choice == 1)
+        if (choice == 1) {
             EXPECT_EQ(client.ReadUntil("\n"), BannerLine);
+        }
         client.Reset();
     }
 

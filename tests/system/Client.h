@@ -1,0 +1,82 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/system/Waiting.h"
+
+/** What was said on the connections of one test, for the report of a failure. */
+class Dialogue
+{
+public:
+    void Record(int connection, std::string_view what, std::string_view bytes = {});
+    const std::string& Text() const { return text_; }
+
+private:
+    std::string text_;
+};
+
+/**
+ * One TCP connection between a test and the daemon, driven byte by byte. Every read has a deadline; past it
+ * the test fails and the read returns what has come so far. What a read does not return stays for the next.
+ */
+class Client
+{
+public:
+    /** Connects to a port of this machine. A receive buffer of 0 bytes leaves the choice to the system. */
+    Client(int port, Dialogue& dialogue, int receiveBufferBytes = 0);
+    /** Takes over a connection that was accepted. */
+    Client(Dialogue& dialogue, int descriptor);
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    Client(Client&& other) noexcept;
+    ~Client();
+
+    void Send(std::string_view bytes);
+    /** Sends the pieces as segments of their own, with a pause after each but the last. */
+    void SendInPieces(const std::vector<std::string_view>& pieces, std::chrono::milliseconds pause);
+    /** Says that nothing more will be sent. */
+    void HalfClose();
+    /** Vanishes: the other side's next write or read fails. */
+    void Reset();
+
+    /** Everything up to and with the first `text`. */
+    std::string ReadUntil(std::string_view text);
+    std::string ReadExactly(size_t bytes);
+    /** Everything up to the end of the stream, then closes. A stream that was reset instead is a failure. */
+    std::string ReadToEnd();
+    /** Expects the connection to go, in an orderly way or not, without a single byte. */
+    void ExpectDropped();
+
+    /** The port at the other end. */
+    int PeerPort() const;
+
+private:
+    enum class Arrival { Bytes, End, Reset, Late };
+    Arrival ReceiveMore(const Deadline& deadline);
+    std::string Take(size_t bytes);
+
+    int descriptor_ = -1;
+    Dialogue& dialogue_;
+    std::string arrived_;
+};
+
+/** Listens on a port of this machine for the connections that the daemon makes to its client. */
+class Collector
+{
+public:
+    explicit Collector(Dialogue& dialogue);
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+    ~Collector();
+
+    int Port() const { return port_; }
+    Client Accept();
+
+private:
+    int descriptor_;
+    int port_;
+    Dialogue& dialogue_;
+};

@@ -1,0 +1,240 @@
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/system/DaemonUnderTest.h"
+#include "tests/system/SystemFacts.h"
+
+using testing::MatchesRegex;
+
+namespace
+{
+constexpr const char* LimitMarker = "\n->Error maximum size of log command file reached (10M)\n";
+
+/** `version|user|password|rest` for the tests' own user. */
+std::string As(std::string_view version, std::string_view rest)
+{
+    return std::string(version) + "|" + OwnUser() + "||" + std::string(rest);
+}
+
+std::string NumbersUpTo(int last)
+{
+    std::string lines;
+    for (int number = 1; number <= last; ++number)
+        lines += std::to_string(number) + "\n";
+    return lines;
+}
+} // namespace
+
+TEST(Launch, EveryFormGivesBannerOutputAndReturnLine)
+{
+    DaemonUnderTest daemon;
+    const std::string command = "echo out; echo err >&2; exit 3";
+    for (const std::string& request : {
+             As("CODE", command + "|TRUE"),
+             As("CODE", command + "|FALSE"),
+             As("CODE", command + "|SOCKET|WINDOW"),
+             As("CODE", command + "|NOSOCKET|NOWINDOW"),
+             As("RuvelControl V1.0", command + "|SOCKET|NOWINDOW"),
+             As("RuvelControl V1.6", command + "|NOSOCKET|NOWINDOW"),
+             As("RuvelControl V1.7", command + "|SOCKET|NOWINDOW|600"),
+             As("RuvelControl V1.7", command + "|NOSOCKET|WINDOW|0"),
+             As("RuvelControl V1.8.2", command + "|NOSOCKET|NOWINDOW|+600"),
+             As("RuvelControl V1.9.5", command + "|SOCKET|WINDOW|9223372036854775807"),
+             As("RuvelControl V1.9", command + "|NOSOCKET|NOWINDOW|9223372036854775807"),
+             Join({Newest, "DOMAIN\\" + OwnUser(), "", command, "SOCKET", "NOWINDOW", "0"}),
+             Join({Newest, OwnUser(), "", command, "SOCKET", "NOWINDOW", "0\r\n"}),
+         }) {
+        EXPECT_EQ(Ask(daemon, request), Finished("out\nerr\n", 3)) << request;
+    }
+}
+
+TEST(Launch, TheInteractiveFormsRunKornShellOnTheSocket)
+{
+    DaemonUnderTest daemon;
+    for (const std::string& request : {
+             As("RuvelControl V1.6", "false|SOCKET|NOWINDOW|INTERACTIVE"),
+             As("RuvelControl V1.9", "|SOCKET|WINDOW|INTERACTIVE"),
+             As("RuvelControl V1.7", "false|SOCKET|NOWINDOW|INTERACTIVE|600"),
+         }) {
+        Client client = daemon.Connect();
+        client.Send(request);
+        EXPECT_EQ(client.ReadUntil("\n"), BannerLine) << request;
+        client.Send("echo $0\n");
+        EXPECT_EQ(client.ReadUntil("\n"), "/bin/ksh\n");
+        client.Send("print -- from ksh; exit 7\n");
+        EXPECT_EQ(client.ReadToEnd(), "from ksh\n" + ReturnLine(7));
+    }
+}
+
+TEST(Launch, EveryReturnCodeArrives)
+{
+    DaemonUnderTest daemon;
+    struct Expected {
+        std::string command;
+        int code;
+    };
+    std::vector<Expected> table;
+    for (int code = 0; code <= 255; ++code)
+        table.push_back({"exit " + std::to_string(code), code});
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGKILL, SIGSEGV, SIGPIPE, SIGTERM, SIGUSR1})
+        table.push_back({"ulimit -c 0; kill -" + std::to_string(number) + " $$", 128 + number});
+    table.push_back({"/nowhere/at/all 2>/dev/null", 127});
+    table.push_back({"/dev/null 2>/dev/null", 126});
+    // All of them at once, in both modes, so that a code given to the wrong client shows.
+    std::vector<std::unique_ptr<Client>> clients;
+    for (size_t i = 0; i < table.size(); ++i) {
+        clients.push_back(std::make_unique<Client>(daemon.Port(), daemon.Conversation()));
+        clients.back()->Send(Launch(i % 2 ? "SOCKET" : "NOSOCKET", table[i].command));
+    }
+    for (size_t i = 0; i < table.size(); ++i)
+        EXPECT_EQ(clients[i]->ReadToEnd(), Finished("", table[i].code)) << table[i].command;
+}
+
+TEST(Launch, OutputIsLiveAndInputIsTheSocket)
+{
+    DaemonUnderTest daemon;
+    Client client = daemon.Connect();
+    client.Send(Launch("SOCKET", "echo ready; cat; exit 4"));
+    EXPECT_EQ(client.ReadUntil("ready\n"), BannerLine + std::string("ready\n"));
+    EXPECT_TRUE(daemon.LogFiles().empty());
+    client.Send("over and ");
+    EXPECT_EQ(client.ReadExactly(9), "over and ");
+    client.Send("out");
+    client.HalfClose();
+    EXPECT_EQ(client.ReadToEnd(), "out" + ReturnLine(4));
+}
+
+TEST(Launch, InputThatNobodyReadsCostsNoOutput)
+{
+    DaemonUnderTest daemon;
+    Client client = daemon.Connect();
+    client.Send(Launch("SOCKET", "read first; echo $first; seq 1 200000"));
+    EXPECT_EQ(client.ReadUntil("\n"), BannerLine);
+    client.Send("mine\nunread\n");
+    EXPECT_EQ(client.ReadToEnd(), "mine\n" + NumbersUpTo(200000) + ReturnLine(0));
+}
+
+TEST(Launch, TheStreamEndsWithTheCommandThoughItsBackgroundLives)
+{
+    DaemonUnderTest daemon;
+    Client client = daemon.Connect();
+    client.Send(Launch("SOCKET", "sleep 1000 & echo $!; exit 5"));
+    EXPECT_EQ(client.ReadUntil("\n"), BannerLine);
+    const pid_t sleeper = std::stoi(client.ReadUntil("\n"));
+    EXPECT_EQ(client.ReadToEnd(), ReturnLine(5));
+    EXPECT_TRUE(IsAlive(sleeper));
+    kill(sleeper, SIGKILL);
+    // The daemon has become its parent and must not keep it as a zombie.
+    EXPECT_TRUE(WaitUntil([&] { return access(("/proc/" + std::to_string(sleeper)).c_str(), F_OK) != 0; }));
+}
+
+TEST(Launch, ALogGoesToAPrivateFileThatIsGoneAfterwards)
+{
+    DaemonUnderTest daemon;
+    const std::string pattern = daemon.LogDirectory() + "/[0-9]+-[0-9]+-0-RuvelServer\\.log";
+    Client client = daemon.Connect();
+    const std::string gate = daemon.LogDirectory() + "/../gate";
+    client.Send(Launch("NOSOCKET", "readlink /proc/self/fd/1; cat; until [ -e " + gate +
+                                       " ]; do sleep 0.01; done; seq 1 100000; exit 9"));
+    ASSERT_TRUE(WaitUntil([&] { return daemon.LogFiles().size() == 1; }));
+    struct stat facts {
+    };
+    ASSERT_EQ(stat((daemon.LogDirectory() + "/" + daemon.LogFiles()[0]).c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode, S_IFREG | 0600u);
+    EXPECT_EQ(facts.st_uid, geteuid());
+    // Nothing is sent before the end, the banner included.
+    std::ofstream{gate}.put('x');
+    EXPECT_EQ(client.ReadUntil("\n"), BannerLine);
+    std::string name = client.ReadUntil("\n");
+    name.pop_back();
+    EXPECT_THAT(name, MatchesRegex(pattern));
+    EXPECT_EQ(client.ReadToEnd(), NumbersUpTo(100000) + ReturnLine(9));
+    EXPECT_TRUE(WaitUntil([&] { return daemon.LogFiles().empty(); }));
+}
+
+TEST(Launch, OldClientsGetTheirLogInOneBufferUpToItsLimit)
+{
+    DaemonUnderTest daemon;
+    const std::string whole(10240000, '\0');
+    const std::vector<std::string> old = {
+        As("CODE", "head -c LENGTH /dev/zero; exit 2|FALSE"),
+        As("RuvelControl V1.6", "head -c LENGTH /dev/zero; exit 2|NOSOCKET|NOWINDOW")};
+    const auto ask = [&](std::string request, const std::string& length) {
+        return Ask(daemon, request.replace(request.find("LENGTH"), 6, length));
+    };
+    for (const std::string& request : old) {
+        EXPECT_TRUE(ask(request, "10240000") == Finished(whole, 2));
+        EXPECT_TRUE(ask(request, "10240001") == Finished(whole + LimitMarker, 2));
+    }
+    // The two that were cut are kept for their user, whole.
+    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
+    EXPECT_EQ(daemon.LogFiles().size(), 2u);
+    for (const std::string& name : daemon.LogFiles()) {
+        EXPECT_EQ(ReadFile(daemon.LogDirectory() + "/" + name).size(), 10240001u);
+        unlink((daemon.LogDirectory() + "/" + name).c_str());
+    }
+    EXPECT_TRUE(ask(As("RuvelControl V1.7", "head -c LENGTH /dev/zero; exit 2|NOSOCKET|NOWINDOW"),
+                    "10240001") == Finished(whole + '\0', 2));
+}
+
+TEST(Launch, ACommandStartsAsIfFreshlyLoggedIn)
+{
+    DaemonUnderTest daemon;
+    // Others hold connections and logs meanwhile, which a command must not inherit.
+    Client silent = daemon.Connect();
+    Client other = daemon.Connect();
+    other.Send(Launch("SOCKET", "echo up; cat"));
+    other.ReadUntil("up\n");
+    const char* home = getenv("HOME");
+    const std::string expected = "0\n1\n2\n0022\n" + std::string(home) + "\n" + daemon.LogDirectory() +
+                                 "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nleader\n";
+    const std::string command = "ls /proc/$$/fd; umask; pwd; "
+                                "echo $RUVELSERVER_TMP; grep -e SigBlk -e SigIgn /proc/self/status; "
+                                "read -r _ _ _ _ group leader _ </proc/$$/stat; "
+                                "[ $group = $$ ] && [ $leader = $$ ] && echo leader";
+    for (const char* mode : {"SOCKET", "NOSOCKET"})
+        EXPECT_EQ(Ask(daemon, Launch(mode, command)), Finished(expected, 0));
+    // Without a client's socket there is nothing to read.
+    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "readlink /proc/self/fd/0; cat")), Finished("/dev/null\n", 0));
+    other.HalfClose();
+    EXPECT_EQ(other.ReadToEnd(), ReturnLine(0));
+}
+
+TEST(Launch, TheLongestCommandThatAShellCanGetRuns)
+{
+    DaemonUnderTest daemon;
+    const std::string start = "echo long; : ";
+    EXPECT_EQ(Ask(daemon, Launch("SOCKET", start + std::string(131071 - start.size(), 'x')) + "\n"),
+              Finished("long\n", 0));
+}
+
+TEST(Launch, ManyAtOnceWithClientsThatVanishLeaveNothing)
+{
+    DaemonUnderTest daemon;
+    const size_t descriptors = CountDescriptorsOf(daemon.Process().Id());
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 60; ++i) {
+        clients.push_back(std::make_unique<Client>(daemon.Port(), daemon.Conversation()));
+        clients.back()->Send(Launch(i % 2 ? "SOCKET" : "NOSOCKET", "seq 1 20000; exit " + std::to_string(i)));
+        if (i % 5 == 4)
+            clients.back()->Reset();
+    }
+    for (int i = 0; i < 60; ++i) {
+        if (i % 5 != 4) {
+            EXPECT_EQ(clients[static_cast<size_t>(i)]->ReadToEnd(), Finished(NumbersUpTo(20000), i));
+        }
+    }
+    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(daemon.Process().Id()) == descriptors; }));
+    EXPECT_TRUE(FindZombiesOf(daemon.Process().Id()).empty());
+    EXPECT_EQ(CountSystemVObjectsOf(daemon.Process().Id()), 0u);
+    EXPECT_TRUE(WaitUntil([&] { return daemon.LogFiles().empty(); }));
+}

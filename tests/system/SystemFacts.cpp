@@ -1,0 +1,88 @@
+#include "tests/system/SystemFacts.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <sys/sem.h>
+
+#include "tests/system/ServerProcess.h"
+
+namespace
+{
+/** The fields of /proc/<id>/stat that follow the name: state first, parent second; none when it is gone. */
+std::vector<std::string> ReadState(pid_t process)
+{
+    const std::string line = ReadFile("/proc/" + std::to_string(process) + "/stat");
+    const size_t name = line.rfind(')');
+    std::vector<std::string> fields;
+    if (name != std::string::npos) {
+        std::istringstream rest(line.substr(name + 1));
+        for (std::string field; rest >> field;)
+            fields.push_back(field);
+    }
+    return fields;
+}
+
+std::vector<pid_t> ListProcesses()
+{
+    std::vector<pid_t> processes;
+    for (const std::string& name : ListDirectory("/proc")) {
+        if (name.find_first_not_of("0123456789") == std::string::npos)
+            processes.push_back(std::stoi(name));
+    }
+    return processes;
+}
+} // namespace
+
+std::vector<pid_t> FindProcessesWith(const std::string& text)
+{
+    std::vector<pid_t> found = ListProcesses();
+    std::erase_if(found, [&](pid_t process) {
+        return ReadFile("/proc/" + std::to_string(process) + "/environ").find(text) == std::string::npos;
+    });
+    return found;
+}
+
+std::vector<pid_t> FindZombiesOf(pid_t parent)
+{
+    std::vector<pid_t> found = ListProcesses();
+    std::erase_if(found, [&](pid_t process) {
+        const std::vector<std::string> state = ReadState(process);
+        return state.size() < 2 || state[0] != "Z" || state[1] != std::to_string(parent);
+    });
+    return found;
+}
+
+bool IsAlive(pid_t process)
+{
+    const std::vector<std::string> state = ReadState(process);
+    return !state.empty() && state[0] != "Z" && state[0] != "X";
+}
+
+size_t CountDescriptorsOf(pid_t process)
+{
+    return ListDirectory("/proc/" + std::to_string(process) + "/fd").size();
+}
+
+size_t CountSystemVObjectsOf(pid_t process)
+{
+    // Each file has one line of headings. A segment tells its maker; a set of semaphores tells only who
+    // used it last, which is the maker until a worker does.
+    size_t count = 0;
+    std::ifstream segments("/proc/sysvipc/shm");
+    std::string line;
+    std::getline(segments, line);
+    for (long key, id, mode, size, maker; segments >> key >> id >> mode >> size >> maker;) {
+        count += maker == process;
+        std::getline(segments, line);
+    }
+    std::ifstream semaphores("/proc/sysvipc/sem");
+    std::getline(semaphores, line);
+    for (long key, id; semaphores >> key >> id;) {
+        count += semctl(static_cast<int>(id), 0, GETPID) == process;
+        std::getline(semaphores, line);
+    }
+    return count;
+}
