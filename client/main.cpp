@@ -1,8 +1,6 @@
-#include "client/CommandLine.h"
-#include "client/RunCommand.h"
+#include "client/Subcommand.h"
 
 int main(int argc, char** argv)
 {
-    const CommandLine commandLine = ReadCommandLine(argc, argv);
-    return commandLine.run ? RunCommand(*commandLine.run) : commandLine.exitCode;
+    return RunProgram(argc, argv);
 }

@@ -1,47 +1,48 @@
-#include "client/CommandLine.h"
+#include "client/ServerOptions.h"
+#include "client/Subcommand.h"
+#include "client/SubcommandParser.h"
 
 #include <gtest/gtest.h>
 
 namespace
 {
-CommandLine Read(std::vector<const char*> arguments)
+using Words = std::vector<std::string>;
+
+int RunProgramWith(std::vector<const char*> arguments)
 {
     arguments.insert(arguments.begin(), "RuvelControl");
-    return ReadCommandLine(static_cast<int>(arguments.size()), arguments.data());
+    return RunProgram(static_cast<int>(arguments.size()), arguments.data());
 }
 } // namespace
 
 TEST(CommandLineTest, TellsOwnOptionsFromTheCommandsWords)
 {
-    using Words = std::vector<std::string>;
     const struct {
-        std::vector<const char*> arguments;
+        Arguments arguments;
         Words words;
         const char* host;
-        int port;
-        long lifeTimeOut;
+        std::string choice;
     } cases[] = {
-        {{"run", "ls"}, {"ls"}, "localhost", 5678, 0},
-        {{"run", "-H", "a.b:7", "--timeout=9", "--", "-x", "--", "-H", "c"},
+        {{{"ls"}, {}, false}, {"ls"}, "", ""},
+        {{{"-H", "a.b:7", "--choice=9"}, {"-x", "--", "-H", "c"}, true},
          {"-x", "--", "-H", "c"},
-         "a.b",
-         7,
-         9},
-        {{"run", "-H:1", "git", "log", "--", "-H", "x"}, {"git", "log", "--", "-H", "x"}, "localhost", 1, 0},
-        {{"run", "run", "--help", "[a,b]", "%%", "", "{}"},
+         "a.b:7",
+         "9"},
+        {{{"-H:1", "git", "log"}, {"-H", "x"}, true}, {"git", "log", "--", "-H", "x"}, ":1", ""},
+        {{{"run", "--help", "[a,b]", "%%", "", "{}"}, {}, false},
          {"run", "--help", "[a,b]", "%%", "", "{}"},
-         "localhost",
-         5678,
-         0},
-        {{"run", "--host", "h", "", "x"}, {"", "x"}, "h", 5678, 0},
+         "",
+         ""},
+        {{{"--host", "h", "", "x"}, {}, false}, {"", "x"}, "h", ""},
     };
     for (const auto& one : cases) {
-        const CommandLine read = Read(one.arguments);
-        ASSERT_TRUE(read.run.has_value()) << one.words.front();
-        EXPECT_EQ(read.run->words, one.words);
-        EXPECT_EQ(read.run->server.host, one.host);
-        EXPECT_EQ(read.run->server.port, one.port);
-        EXPECT_EQ(read.run->lifeTimeOut, one.lifeTimeOut);
+        SubcommandParser parser({"run", "", nullptr}, "");
+        std::string choice;
+        parser.Options().add_option("--choice", choice);
+        EXPECT_EQ(parser.Parse(one.arguments), std::nullopt);
+        EXPECT_EQ(parser.Words(), one.words);
+        EXPECT_EQ(parser.WhoAndWhere().host.value_or(""), one.host);
+        EXPECT_EQ(choice, one.choice);
     }
 }
 
@@ -53,17 +54,38 @@ TEST(CommandLineTest, WhatCannotBeReadEndsWithOneLineAnd255)
                                               {"run", "--"},
                                               {"run", "-Z", "ls"},
                                               {"run", "-H"},
-                                              {"run", "-H", "a:0", "ls"},
-                                              {"run", "-H", "a:", "ls"},
-                                              {"run", "-H", "a:65536", "ls"},
+                                              {"run", "--batch", "-H", "a:0", "ls"},
+                                              {"run", "--batch", "-H", "a:", "ls"},
+                                              {"run", "--batch", "-H", "a:65536", "ls"},
                                               {"run", "--timeout", "-1", "ls"},
-                                              {"run", "--timeout", "5m", "ls"}};
+                                              {"run", "--timeout", "5x", "ls"}};
     for (const auto& arguments : cases) {
         testing::internal::CaptureStderr();
-        const CommandLine read = Read(arguments);
+        const int exitCode = RunProgramWith(arguments);
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_FALSE(read.run.has_value()) << said;
-        EXPECT_EQ(read.exitCode, 255) << said;
+        EXPECT_EQ(exitCode, 255) << said;
         EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
     }
+}
+
+TEST(CommandLineTest, ReadsDurations)
+{
+    const struct {
+        const char* text;
+        std::optional<long> seconds;
+    } cases[] = {{"0", 0},
+                 {"90", 90},
+                 {"30s", 30},
+                 {"10m", 600},
+                 {"2h", 7200},
+                 {"1d", 86400},
+                 {"24855d", 24855L * 86400},
+                 {"24856d", std::nullopt},
+                 {"", std::nullopt},
+                 {"m", std::nullopt},
+                 {"-1", std::nullopt},
+                 {"1ms", std::nullopt},
+                 {"1.5h", std::nullopt}};
+    for (const auto& one : cases)
+        EXPECT_EQ(ReadDuration(one.text), one.seconds) << one.text;
 }

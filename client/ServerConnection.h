@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "client/Failure.h"
+#include "client/ProxyCommand.h"
+#include "client/Server.h"
+#include "support/FileDescriptor.h"
+
+/**
+ * One connection to a server, direct or over the standard streams of a proxy command. Either way its
+ * descriptor is a stream socket, to be polled, read with recv(), written with send() and half-closed with
+ * shutdown(). It stays blocking: use MSG_DONTWAIT where waiting is no option.
+ *
+ * A peer that has vanished without a word is noticed within PeerTimeOut seconds: then reads and writes
+ * fail. The object owns the socket and the proxy command; its destructor closes the one and ends the other.
+ */
+class ServerConnection
+{
+public:
+    /** At most 45 in all: what is silent is probed, what is unacknowledged is given up. */
+    static constexpr int PeerTimeOut = 40;
+
+    Failure Connect(const Server& server) { return Connect(server, server.host, server.port); }
+    /** To another port, or host, as the data connections of transfers need it. */
+    Failure Connect(const Server& server, const std::string& host, int port);
+    /** Owns a connection that was accepted; `name` is the peer's, for messages. */
+    void TakeOver(FileDescriptor socket, const std::string& name);
+    void Close();
+
+    bool IsOpen() const { return socket_.IsOpen(); }
+    int Descriptor() const { return socket_.Number(); }
+
+    /** Sends all bytes. */
+    Failure Send(std::string_view bytes);
+    /** Says that nothing more will be sent. */
+    void EndSending();
+    /** Waits for some bytes and appends them; at the end of the stream none, and `isEnd` is set. */
+    Failure Receive(std::string& bytes, bool& isEnd);
+
+    /** What a broken connection means, for an error number of recv() or send(). */
+    Failure Broken(int error) const;
+
+private:
+    std::string name_;
+    FileDescriptor socket_;
+    ProxyCommand proxy_;
+};

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "client/Failure.h"
+#include "client/Server.h"
+
+/** A field behind version, user and password, with what it is called in a message about it. */
+struct RequestField {
+    std::string_view value;
+    std::string_view name = "request";
+};
+
+/**
+ * Joins version, user, password and the fields into a request, ended as a request of its length must be.
+ * A field with the separator in it cannot be sent and is named.
+ */
+Failure BuildRequest(const Server& server, std::span<const RequestField> fields, std::string& request);
+inline Failure BuildRequest(const Server& server, std::initializer_list<RequestField> fields,
+                            std::string& request)
+{
+    return BuildRequest(server, std::span(fields.begin(), fields.size()), request);
+}
+/** The same for the one form that carries no user: VERSION|ID|identifier. */
+Failure BuildStateRequest(std::string_view identifier, std::string& request);
+
+/** Sends the request on a connection of its own and reads the answer to the end of the stream. */
+Failure AskServer(const Server& server, std::string_view request, std::string& answer);
+
+/**
+ * Takes the banner line off the front of an answer. A failure when it is missing: no RuvelServer spoke.
+ * What is left begins with the lines behind it, each with its lead "->".
+ */
+Failure TakeBanner(const Server& server, std::string_view& answer);
