@@ -9,6 +9,7 @@
 #include "support/BaseString.h"
 #include "support/Clock.h"
 #include "support/ProcessSetup.h"
+#include "support/ServiceManager.h"
 
 #include <arpa/inet.h>
 #include <signal.h>
@@ -20,14 +21,18 @@ int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDire
                                 const int& retryTime)
 {
     logDirectory_ = logDirectory;
+    ServiceManager manager;
     if (PrepareToServe(port, retryNumber, retryTime) != 0)
         return 1;
+    manager.TellReady();
     while (stop_ != Stop::Done) {
         try {
             ServeOneTurn();
         } catch (const std::bad_alloc&) {
             BaseString::PutTrace("Error out of memory", 1);
         }
+        if (stop_ != Stop::No)
+            manager.TellStopping();
     }
     return 0;
 }
