@@ -24,9 +24,15 @@ void TellForkFailure()
         perror("Error in _InitThreadOrProcess() : unable to create process");
 }
 
-/** The sockets themselves stay as they are: only this process' descriptors go. */
-void CloseDescriptors(QORListPtrBaseSocket* sockets)
+/**
+ * Leaves the worker its standard streams and its own client's socket. The listed sockets go with everything
+ * else in one call, however many there are; one by one only where the system has no such call. The sockets
+ * themselves stay as they are: only this process' descriptors go.
+ */
+void CloseDescriptors(int kept, QORListPtrBaseSocket* sockets)
 {
+    if (ProcessSetup::CloseAllDescriptorsBut(kept) == 0)
+        return;
     for (int i = 1; sockets != nullptr && i <= sockets->Size(); ++i) {
         const BaseSocket* socket = (*sockets)[i];
         if (socket != nullptr && socket->GetBaseSocketStatus() != 0)
@@ -113,8 +119,7 @@ void ThreadOrProcessConnection::RunInWorker(int (ThreadOrProcessConnection::*rou
     ProcessSetup::RestoreInChild(false);
     setpgid(0, 0);
     ChildTable::Clear();
-    CloseDescriptors(socketsToClose);
-    ProcessSetup::CloseAllDescriptorsBut(GetSocket().GetBaseSocketNumber());
+    CloseDescriptors(GetSocket().GetBaseSocketNumber(), socketsToClose);
     if (routine == nullptr)
         _exit(ExitWithoutRoutine);
     const int result = (this->*routine)();

@@ -151,7 +151,9 @@ int CountOfUnaskedEnds()
 
 void Clear()
 {
-    records.clear();
+    // Let go of and not freed: that would touch, and so copy, every page that the parent's table is on.
+    new Records(std::move(records));
+    records = Records();
     unaskedEnds = 0;
 }
 } // namespace ChildTable

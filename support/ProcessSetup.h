@@ -29,6 +29,10 @@ void KeepMemoryPrivate();
  */
 void RestoreInChild(bool forCommand);
 
-/** Closes every descriptor from 3 up but `kept` (-1: none). Async-signal-safe. */
-void CloseAllDescriptorsBut(int kept);
+/**
+ * Closes every descriptor from 3 up but `kept` (-1: none). All of this system's own are close-on-exec; this
+ * is for what it was itself started with, and for workers. 0, or -1 on a kernel without the call (before
+ * 5.9), which leaves them open. Async-signal-safe.
+ */
+int CloseAllDescriptorsBut(int kept);
 } // namespace ProcessSetup
