@@ -1,0 +1,230 @@
+#include <csignal>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/system/SystemFacts.h"
+#include "tests/system/TransferClient.h"
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+namespace
+{
+const std::string Off = "->Warning update mode desactivated\n";
+
+std::string KillRequest(const std::string& word, int number, const std::string& user = OwnUser())
+{
+    return Join({Newest, user, "secret", word, std::to_string(number)});
+}
+
+std::string Terminated(int number, const std::string& code)
+{
+    return "->File transfer N(" + std::to_string(number) + "), terminated by user (" + OwnUser() +
+           ")\n->ProcessReturnCode = " + code + "\n";
+}
+
+class TransferFailure : public testing::Test
+{
+protected:
+    void WriteFile(std::string_view content) const { std::ofstream(file_, std::ios::binary) << content; }
+    /** The one worker that is alive. */
+    pid_t Worker() const
+    {
+        const std::vector<pid_t> workers = daemon_.Descendants();
+        EXPECT_EQ(workers.size(), 1u);
+        return workers.empty() ? -1 : workers[0];
+    }
+    std::string Listing() { return Ask(daemon_, Keyword("INFO")); }
+    /** A put of which a part has been written. */
+    Client BeginPut(TransferClient& put, size_t already = 0)
+    {
+        Client data = put.OpenData("READ");
+        data.Send("part");
+        EXPECT_TRUE(WaitUntil([&] { return ReadFile(file_).size() == already + 4; }));
+        return data;
+    }
+
+    TestDirectory directory_;
+    std::string file_ = directory_.Path() + "/file";
+    DaemonUnderTest daemon_{{.shortLadders = true}};
+};
+} // namespace
+
+TEST_F(TransferFailure, TheSystemsReasonIsTold)
+{
+    const std::string put =
+        "READERROR|" + std::string(BannerLine) + "->Error unable to create remote file...( ";
+    const std::string get =
+        "WRITEERROR|" + std::string(BannerLine) + "->Error unable to open remote file...( ";
+    const std::string missing = directory_.Path() + "/missing/file";
+    const struct {
+        std::string keyword, file, answer, reason;
+    } Cases[] = {
+        {"TRANSFERGET", file_, get, "No such file or directory"},
+        {"TRANSFERUPDATEGET", file_, get, "No such file or directory"},
+        {"TRANSFERGET", "", get, "No such file or directory"},
+        {"TRANSFERPUT", missing, put, "No such file or directory"},
+        {"TRANSFERUPDATEPUT", missing, put, "No such file or directory"},
+        {"TRANSFERPUT", directory_.Path(), put, "Is a directory"},
+        {"TRANSFERPUT", "/proc/version/x", put, "Not a directory"},
+    };
+    for (const bool passive : {false, true}) {
+        for (const auto& one : Cases) {
+            TransferClient client(daemon_, {.keyword = one.keyword, .file = one.file, .passive = passive});
+            EXPECT_EQ(client.Finish(), one.answer + one.file + ") : " + one.reason + "\n" + ReturnLine(1));
+        }
+    }
+    EXPECT_EQ(ListDirectory(directory_.Path()), std::vector<std::string>{});
+}
+
+/** The transfer fails for its client in the middle; what becomes of the file. */
+TEST_F(TransferFailure, AClientThatVanishesFailsItsTransfer)
+{
+    const struct {
+        const char* keyword;
+        bool passive, isKept;
+    } Puts[] = {
+        {"TRANSFERPUT", false, false}, {"TRANSFERPUT", true, false}, {"TRANSFERUPDATEPUT", false, true}};
+    for (const auto& one : Puts) {
+        const bool isUpdate = one.isKept;
+        std::remove(file_.c_str());
+        TransferClient put(daemon_, {.keyword = one.keyword, .file = file_, .passive = one.passive});
+        BeginPut(put).Reset();
+        const std::string message = isUpdate ? "->Warning unable to open remote file...(" + file_ +
+                                                   ") : No such file or directory\n" + Off
+                                             : "";
+        EXPECT_EQ(put.Finish(), Transferred(1, message));
+        EXPECT_EQ(access(file_.c_str(), F_OK) == 0, one.isKept) << one.keyword;
+    }
+    // Longer than all buffers between the two.
+    WriteFile("x");
+    ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0);
+    TransferClient get(daemon_, {.keyword = "TRANSFERGET", .file = file_});
+    Client data = get.OpenData("WRITE");
+    data.ReadExactly(1);
+    data.Reset();
+    EXPECT_EQ(get.Finish(), Transferred(1));
+}
+
+/** As when its process is killed: every connection goes at once. */
+TEST_F(TransferFailure, AKilledClientLeavesNothingBehind)
+{
+    const size_t before = CountDescriptorsOf(daemon_.Process().Id());
+    for (const char* keyword : {"TRANSFERPUT", "TRANSFERGET"}) {
+        WriteFile("");
+        ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0);
+        const bool isPut = keyword == std::string("TRANSFERPUT");
+        {
+            TransferClient client(daemon_, {.keyword = keyword, .file = file_});
+            Client data = isPut ? BeginPut(client) : client.OpenData("WRITE");
+            client.Control().Reset();
+            data.Reset();
+        }
+        EXPECT_TRUE(WaitUntil([&] { return daemon_.Descendants().empty(); }));
+        EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(daemon_.Process().Id()) == before; }));
+        EXPECT_THAT(Listing(), HasSubstr("->Found 0 active file transfer(s)\n"));
+        EXPECT_EQ(access(file_.c_str(), F_OK) != 0, isPut);
+    }
+    // One that goes before it has even replied to an offer.
+    WriteFile("kept");
+    TransferClient silent(daemon_, {.keyword = "TRANSFERUPDATEPUT", .file = file_});
+    silent.Control().ReadExactly(OfferOf("kept").size());
+    silent.Control().Reset();
+    EXPECT_TRUE(WaitUntil([&] { return daemon_.Descendants().empty(); }));
+    EXPECT_EQ(ReadFile(file_), "kept");
+}
+
+TEST_F(TransferFailure, AReplyThatIsNoneEndsThePut)
+{
+    WriteFile("kept");
+    for (const char* reply : {"UPDATEWRITE|x", "update", "READ", "\n"}) {
+        TransferClient put(daemon_, {.keyword = "TRANSFERUPDATEPUT", .file = file_});
+        put.ReplyToOffer(OfferOf("kept"), reply);
+        EXPECT_EQ(put.Finish(), ReturnLine(1)) << reply;
+    }
+    EXPECT_EQ(ReadFile(file_), "kept");
+}
+
+/** It waits, is listed, shows no status yet, and can be killed by its owner and by nobody else. */
+TEST_F(TransferFailure, ATransferWaitsForItsDataConnectionUntilItIsKilled)
+{
+    TransferClient put(daemon_,
+                       {.keyword = "TRANSFERPUT", .file = file_, .mode = "ASCII", .lifeTimeOut = "600"});
+    put.Control().ReadUntil("READ|");
+    put.Control().ReadUntil(BannerLine);
+    EXPECT_THAT(Listing(),
+                MatchesRegex("(.|\n)*->Found 1 active file transfer\\(s\\)\n->N\\(0\\), UID\\(" + OwnUser() +
+                             "\\), BDATE\\(....-..-.. ..:..:..\\), LTO\\(600\\), CMD\\(TRANSFER PUT\\), "
+                             "MODE\\(ASCII\\), TYPE\\(ACTIVE\\), REMOTE FILE\\(" +
+                             file_ + "\\)\n"));
+    EXPECT_EQ(Ask(daemon_, KillRequest("KILL", 0, "somebody")),
+              BannerLine + std::string("->Error unable to kill file transfer N(0) : not owner\n"));
+    EXPECT_EQ(Ask(daemon_, KillRequest("KILL", 0)), BannerLine + Terminated(0, "999") + "\n");
+    EXPECT_EQ(put.Finish(), Terminated(0, "999"));
+    EXPECT_NE(access(file_.c_str(), F_OK), 0);
+    EXPECT_EQ(Ask(daemon_, KillRequest("KILL", 0)),
+              BannerLine + std::string("->Error unable to kill command or terminate file transfer N(0) : bad "
+                                       "number\n"));
+}
+
+/** Gently, a put cleans up by its own rule; a stopped worker has to be forced, and then the file stays. */
+TEST_F(TransferFailure, EndedGentlyOrByForceThePutLeavesWhatItShould)
+{
+    enum class How { Killed, KilledWhileStopped, ByHand, LifeTime };
+    const struct {
+        const char* keyword;
+        How how;
+        bool isKept;
+    } Cases[] = {
+        {"TRANSFERPUT", How::Killed, false},   {"TRANSFERUPDATEPUT", How::Killed, true},
+        {"TRANSFERPUT", How::LifeTime, false}, {"TRANSFERPUT", How::KilledWhileStopped, true},
+        {"TRANSFERPUT", How::ByHand, true},
+    };
+    int number = 0;
+    for (const auto& one : Cases) {
+        WriteFile("old ");
+        const bool isUpdate = one.keyword == std::string("TRANSFERUPDATEPUT");
+        TransferClient put(
+            daemon_,
+            {.keyword = one.keyword, .file = file_, .lifeTimeOut = one.how == How::LifeTime ? "1" : "0"});
+        if (isUpdate)
+            put.ReplyToOffer(OfferOf("old "), "UPDATEWRITE");
+        const Client data = BeginPut(put, isUpdate ? 4 : 0);
+        const pid_t worker = Worker();
+        std::string told = Terminated(number, "999");
+        if (one.how == How::LifeTime)
+            told = "->File transfer terminated due to expired life timeout\n->ProcessReturnCode = 999\n";
+        if (one.how == How::ByHand)
+            told = ReturnLine(999);
+        if (one.how == How::KilledWhileStopped)
+            kill(worker, SIGSTOP);
+        if (one.how == How::ByHand)
+            kill(worker, SIGKILL);
+        if (one.how == How::Killed || one.how == How::KilledWhileStopped) {
+            EXPECT_EQ(Ask(daemon_, KillRequest("FORCEKILLTREE", number)), BannerLine + told + "\n");
+        }
+        EXPECT_EQ(put.Finish(), BannerLine + told) << number;
+        EXPECT_EQ(ReadFile(file_), one.isKept ? (isUpdate ? "old part" : "part") : "") << number;
+        EXPECT_EQ(access(file_.c_str(), F_OK) == 0, one.isKept) << number;
+        ++number;
+    }
+}
+
+TEST_F(TransferFailure, ATransferOnItsWayShowsItsStatus)
+{
+    WriteFile("");
+    ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0);
+    TransferClient get(daemon_, {.keyword = "TRANSFERGET", .file = file_, .passive = true});
+    const Client slow = get.OpenData("WRITE");
+    EXPECT_TRUE(WaitUntil([&] { return Listing().find("STATUS(") != std::string::npos; }));
+    EXPECT_THAT(Listing(),
+                MatchesRegex("(.|\n)*, CMD\\(TRANSFER GET\\), MODE\\(BINARY\\), TYPE\\(PASSIVE\\), "
+                             "REMOTE FILE\\(" +
+                             file_ +
+                             "\\), STATUS\\(sent [0-9]+ byte\\(s\\) in [0-9]+\\.[0-9]{3} s "
+                             "\\(.+\\)\\)\n"));
+    EXPECT_EQ(Ask(daemon_, KillRequest("KILLTREE", 0)), BannerLine + Terminated(0, "999") + "\n");
+}
