@@ -12,9 +12,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "connections/LineEnds.h"
 #include "connections/ProgressReport.h"
 #include "protocol/ConnectionTexts.h"
+#include "protocol/LineEnds.h"
 #include "protocol/TransferTexts.h"
 #include "support/BaseString.h"
 

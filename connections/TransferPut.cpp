@@ -17,10 +17,10 @@
 #include <csignal>
 #include <cstring>
 
-#include "connections/LineEnds.h"
 #include "connections/ProgressReport.h"
 #include "connections/UnfinishedFile.h"
 #include "protocol/ConnectionTexts.h"
+#include "protocol/LineEnds.h"
 #include "protocol/RequestText.h"
 #include "protocol/TransferTexts.h"
 #include "support/BaseString.h"

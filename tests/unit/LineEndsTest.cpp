@@ -1,7 +1,7 @@
 #include <string>
 #include <vector>
 
-#include "connections/LineEnds.h"
+#include "protocol/LineEnds.h"
 
 #include <gtest/gtest.h>
 

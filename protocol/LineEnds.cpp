@@ -1,4 +1,4 @@
-#include "connections/LineEnds.h"
+#include "protocol/LineEnds.h"
 
 #include <cstring>
 #include <utility>
