@@ -195,6 +195,7 @@ void Client::ExpectDropped()
 {
     const Arrival arrival = ReceiveMore(Deadline());
     EXPECT_TRUE(arrival == Arrival::End || arrival == Arrival::Reset) << "the connection was not dropped";
+    close(std::exchange(descriptor_, -1));
 }
 
 int Client::PeerPort() const

@@ -47,7 +47,7 @@ public:
     std::string ReadExactly(size_t bytes);
     /** Everything up to the end of the stream, then closes. A stream that was reset instead is a failure. */
     std::string ReadToEnd();
-    /** Expects the connection to go, in an orderly way or not, without a single byte. */
+    /** Expects the connection to go, in an orderly way or not, without a further byte; then closes. */
     void ExpectDropped();
 
     /** The port at the other end. */

@@ -13,12 +13,15 @@ const std::string Closed = BannerLine + std::string("->RuvelServer closed\n");
 /** How a daemon is asked to stop. */
 enum class By { Close, Terminate, Interrupt };
 
-void Stop(DaemonUnderTest& daemon, By how)
+/** `asking` is a client that has said nothing yet; its stream ends when the daemon does. */
+void Stop(DaemonUnderTest& daemon, Client& asking, By how)
 {
-    if (how == By::Close)
-        EXPECT_EQ(Ask(daemon, Keyword("Close")), Closed);
-    else
+    if (how == By::Close) {
+        asking.Send(Keyword("Close"));
+        EXPECT_EQ(asking.ReadExactly(Closed.size()), Closed);
+    } else {
         daemon.Process().Signal(how == By::Terminate ? SIGTERM : SIGINT);
+    }
 }
 } // namespace
 
@@ -44,7 +47,9 @@ INSTANTIATE_TEST_SUITE_P(Shutdown, ShutdownBy, testing::Values(By::Close, By::Te
 TEST_P(ShutdownBy, AnIdleDaemonEndsWithSuccess)
 {
     DaemonUnderTest daemon;
-    Stop(daemon, GetParam());
+    Client asking = daemon.Connect();
+    Stop(daemon, asking, GetParam());
+    asking.ExpectDropped();
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
 }
 
@@ -52,7 +57,7 @@ TEST_P(ShutdownBy, EveryClientIsToldAndEveryCommandEnds)
 {
     DaemonUnderTest daemon;
     Collector collector(daemon.Conversation());
-    Client attached = daemon.Connect(), detached = daemon.Connect(), silent = daemon.Connect();
+    Client attached = daemon.Connect(), detached = daemon.Connect(), asking = daemon.Connect();
     const std::string command = "echo begun; exec sleep 1000";
     attached.Send(Launch("SOCKET", command));
     EXPECT_EQ(attached.ReadUntil("begun\n"), BannerLine + std::string("begun\n"));
@@ -65,11 +70,11 @@ TEST_P(ShutdownBy, EveryClientIsToldAndEveryCommandEnds)
             begun += ReadFile(daemon.LogDirectory() + "/" + name) == "begun\n";
         return begun == 2;
     }));
-    Stop(daemon, GetParam());
+    Stop(daemon, asking, GetParam());
     EXPECT_EQ(attached.ReadToEnd(), Shutdown + "143\n");
     EXPECT_EQ(detached.ReadToEnd(), BannerLine + Shutdown + "6\n");
     EXPECT_EQ("ID|" + collector.Accept().ReadToEnd(), answer + BannerLine + Shutdown + "143\n");
-    silent.ExpectDropped();
+    asking.ExpectDropped();
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
 }
 
@@ -81,8 +86,7 @@ TEST(Shutdown, ALogOnItsWayIsDeliveredToItsEnd)
     reading.ReadUntil(BannerLine);
     // The answer comes at once, its end only when all is delivered.
     Client closing = daemon.Connect();
-    closing.Send(Keyword("Close"));
-    EXPECT_EQ(closing.ReadExactly(Closed.size()), Closed);
+    Stop(daemon, closing, By::Close);
     EXPECT_TRUE(reading.ReadToEnd().ends_with("\n2000000\n" + ReturnLine(8)));
     EXPECT_EQ(closing.ReadToEnd(), "");
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
@@ -121,7 +125,8 @@ TEST(Shutdown, ADaemonCanStartWhereOneHasJustEnded)
     Client client = daemon.Connect();
     client.Send(Launch("SOCKET", "sleep 1000"));
     client.ReadUntil(BannerLine);
-    Stop(daemon, By::Terminate);
+    daemon.Process().Signal(SIGTERM);
+    EXPECT_EQ(client.ReadToEnd(), Shutdown + "143\n");
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
     const TestDirectory directory;
     ServerProcess next(directory.Path(), {"-noinstall", "-nocheck", "-port", std::to_string(daemon.Port()),
