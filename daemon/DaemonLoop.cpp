@@ -17,6 +17,15 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+namespace
+{
+
+/** From so many live children on, they are not all asked at each end; milliseconds until they are. */
+constexpr int ManyChildren = 256;
+constexpr long long ReapDelay = 5;
+
+} // namespace
+
 int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDirectory, const int& retryNumber,
                                 const int& retryTime)
 {
@@ -121,7 +130,7 @@ void RuvelServer::WaitForActivity()
 long long RuvelServer::NextDeadline() const
 {
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
-    next = Deadline::Earlier(next, stopDeadline_);
+    next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));
     for (const auto& [connection, ending] : endings_)
         next = Deadline::Earlier(next, ending->NextDeadline());
     for (const TreeRemainder& remainder : remainders_)
@@ -135,21 +144,33 @@ long long RuvelServer::NextDeadline() const
 
 void RuvelServer::ReceiveSignals()
 {
-    if (poller_.Events(signalSlot_) == 0)
-        return;
     std::array<signalfd_siginfo, 16> signals;
     bool childEnded = false;
-    ssize_t count = 0;
-    while ((count = read(signalDescriptor_, signals.data(), sizeof signals)) > 0) {
+    ssize_t count = poller_.Events(signalSlot_) == 0 ? 0 : 1;
+    while (count > 0 && (count = read(signalDescriptor_, signals.data(), sizeof signals)) > 0) {
         for (size_t i = 0; i < static_cast<size_t>(count) / sizeof signals[0]; ++i) {
-            if (signals[i].ssi_signo == SIGCHLD)
+            if (signals[i].ssi_signo == SIGCHLD) {
                 childEnded = true;
-            else if (stop_ == Stop::No)
+                ChildTable::ReapOne(static_cast<pid_t>(signals[i].ssi_pid));
+            } else if (stop_ == Stop::No) {
                 stop_ = Stop::Demanded;
+            }
         }
     }
-    if (childEnded)
-        BaseProcess::CleanZombiProcess();
+    ReapChildren(childEnded);
+}
+
+/** A signal may stand for the ends of several children. Asking all of them costs what they are many: with
+ * few it is done at once, with many a moment later, for all the signals that have come by then. */
+void RuvelServer::ReapChildren(bool childEnded)
+{
+    const long long now = Clock::SteadyMilliseconds();
+    if (childEnded && reapAllAt_ == Deadline::Never)
+        reapAllAt_ = now + (ChildTable::CountOfRunning() > ManyChildren ? ReapDelay : 0);
+    if (!Deadline::IsPast(reapAllAt_, now))
+        return;
+    reapAllAt_ = Deadline::Never;
+    BaseProcess::CleanZombiProcess();
 }
 
 void RuvelServer::AcceptClients()

@@ -107,34 +107,21 @@ void RuvelServer::TellEndedCommand(BaseConnection& command, const EndingDemand& 
 void RuvelServer::DropEndedWork(Ending& ending)
 {
     int code = 0;
-    if (BaseConnection* command = ending.GetCommand(); command != nullptr) {
+    const bool ended = ending.HasEnded(code);
+    if (ending.GetCommand() != nullptr) {
+        const auto command = TakeCommand(ending.GetCommand());
         const long long killAt = ending.TreeDeadline();
         if (killAt != Deadline::Never)
             remainders_.emplace_back(command->GetProcess().TakeProcessTree(), killAt);
-        if (!ending.HasEnded(code))
+        if (!ended)
             command->GetProcess().ResetBeforeDestruction();
-        return Drop(commands_, command);
+        return;
     }
-    ThreadOrProcessConnection* worker = ending.GetWorker();
-    if (!ending.HasEnded(code))
+    const std::unique_ptr<ThreadOrProcessConnection> worker(ending.GetWorker());
+    if (!ended)
         worker->ResetThreadOrProcess();
-    for (int i = 1; i <= logs_.Size(); ++i)
-        if (logs_[i] == worker)
-            logs_[i]->DeleteOutputFile(DeletionLimit);
+    if (LogConnection* log = TakeOff(logs_, worker.get()); log != nullptr)
+        log->DeleteOutputFile(DeletionLimit);
+    TakeOff(transfers_, worker.get());
     Dismiss(*worker);
-    Drop(logs_, worker);
-    Drop(transfers_, worker);
-}
-
-template <class T>
-void RuvelServer::Drop(QORListPtr<T>& list, const Connection* connection)
-{
-    for (int i = 1; i <= list.Size(); ++i) {
-        if (list[i] != connection)
-            continue;
-        delete list[i];
-        list[i] = nullptr;
-        break;
-    }
-    list.RemoveNulls();
 }

@@ -44,6 +44,7 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
         WriteToBaseConnectionSocket(command.get(), QORUnicodeString(answer), 0);
         Dismiss(*command);
     }
+    commandOf_[command->GetProcess().GetProcessId()] = command.get();
     commands_.Append(command.release());
     ++connectionCount_;
 }

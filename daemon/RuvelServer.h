@@ -1,5 +1,6 @@
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,6 +20,21 @@
 #include "support/QORLists.h"
 
 #include <netinet/in.h>
+
+/** Takes the element that is `connection` off the list and returns it, or null when it is not on it. */
+template <class T>
+T* TakeOff(QORListPtr<T>& list, const Connection* connection)
+{
+    for (int i = 1; i <= list.Size(); ++i) {
+        T* const element = list[i];
+        if (element != connection)
+            continue;
+        list[i] = nullptr;
+        list.RemoveNulls();
+        return element;
+    }
+    return nullptr;
+}
 
 /**
  * The daemon: its mode, its listening socket, and everybody and everything that it looks after. There is
@@ -95,6 +111,7 @@ private:
     void WaitForActivity();
     long long NextDeadline() const;
     void ReceiveSignals();
+    void ReapChildren(bool childEnded);
     void AcceptClients();
     void ServeCompleteRequests();
     void PushAnswers();
@@ -149,6 +166,7 @@ private:
     void CheckTransfers();
     void CheckCommands();
     void CheckReports();
+    std::unique_ptr<BaseConnection> TakeCommand(BaseConnection* command);
     void ReportCommand(BaseConnection& command, int code);
     void NoteLifeTime(const Connection& connection);
     void ExpireTransfers(long now);
@@ -164,8 +182,6 @@ private:
     void FinishDemand(Ending& ending, EndingDemand& demand);
     void TellEndedCommand(BaseConnection& command, const EndingDemand& demand, int code);
     void DropEndedWork(Ending& ending);
-    template <class T>
-    void Drop(QORListPtr<T>& list, const Connection* connection);
 
     // The end of the daemon (CloseRequest.cpp).
     void StopServing();
@@ -187,6 +203,10 @@ private:
     QORListPtrLogConnection logs_;
     QORListPtrBaseConnection commands_;
     QORListPtrTransferConnection transfers_;
+    /** The live commands by process id, so that an end finds its own however many there are. */
+    std::unordered_map<long, BaseConnection*> commandOf_;
+    /** Process ids of children that have ended and have not been looked at. */
+    std::deque<long> ends_;
     /** Workers that answer ALLINFO. */
     std::vector<std::unique_ptr<ReportConnection>> reports_;
     int connectionCount_ = 0;
@@ -195,6 +215,8 @@ private:
     /** The daemon's own address for passive connections: the listening address with the port minus one. */
     sockaddr_in dataAddress_{};
     int signalDescriptor_ = -1;
+    /** When every child is asked whether it has ended, should a signal have stood for several. */
+    long long reapAllAt_ = Deadline::Never;
     Poller poller_;
     int signalSlot_ = Poller::NoSlot;
     WaitingClients waiting_;

@@ -54,15 +54,24 @@ void RuvelServer::CheckTransfers()
 
 void RuvelServer::CheckCommands()
 {
-    for (int i = 1, size = commands_.Size(); i <= size; ++i) {
+    ChildTable::TakeEnds(ends_);
+    while (!ends_.empty()) {
+        const auto ended = commandOf_.find(ends_.front());
+        ends_.pop_front();
         int code = 0;
-        if (IsBeingEnded(*commands_[i]) || !commands_[i]->GetProcess().CheckForProcess(code))
+        if (ended == commandOf_.end() || IsBeingEnded(*ended->second) ||
+            !ended->second->GetProcess().CheckForProcess(code))
             continue;
-        const std::unique_ptr<BaseConnection> command(commands_[i]);
-        commands_[i] = nullptr;
-        ReportCommand(*command, code);
+        ReportCommand(*TakeCommand(ended->second), code);
     }
-    commands_.RemoveNulls();
+}
+
+/** Off the list and out of the index. */
+std::unique_ptr<BaseConnection> RuvelServer::TakeCommand(BaseConnection* command)
+{
+    commandOf_.erase(command->GetProcess().GetProcessId());
+    TakeOff(commands_, command);
+    return std::unique_ptr<BaseConnection>(command);
 }
 
 void RuvelServer::CheckReports()

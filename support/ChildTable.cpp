@@ -27,6 +27,7 @@ Records records;
 Records::node_type spare; // the room that Prepare() made
 unsigned long long lastSerial = 0;
 int unaskedEnds = 0;
+std::deque<long> ends; // that nobody has taken yet
 
 constexpr int BlindPollMilliseconds = 10; // between two looks at a child for which no pidfd could be had
 
@@ -43,6 +44,18 @@ Records::iterator FindChild(const ChildId& child)
     const auto found =
         std::find_if(begin, end, [&](const auto& entry) { return entry.second.serial == child.serial; });
     return found == end ? records.end() : found;
+}
+
+/** A stranger's status is dropped. */
+void NoteEnd(pid_t processId, int waitStatus)
+{
+    const auto found = FindRunning(processId);
+    if (found == records.end())
+        return;
+    found->second.ended = true;
+    found->second.waitStatus = waitStatus;
+    ++unaskedEnds;
+    ends.push_back(processId);
 }
 
 /** Waits until the child ends, or for at most this long; it may return early. */
@@ -79,14 +92,15 @@ void Reap()
 {
     int waitStatus = 0;
     pid_t processId = 0;
-    while ((processId = waitpid(-1, &waitStatus, WNOHANG)) > 0) {
-        const auto found = FindRunning(processId);
-        if (found == records.end())
-            continue;
-        found->second.ended = true;
-        found->second.waitStatus = waitStatus;
-        ++unaskedEnds;
-    }
+    while ((processId = waitpid(-1, &waitStatus, WNOHANG)) > 0)
+        NoteEnd(processId, waitStatus);
+}
+
+void ReapOne(pid_t processId)
+{
+    int waitStatus = 0;
+    if (processId > 0 && waitpid(processId, &waitStatus, WNOHANG) == processId)
+        NoteEnd(processId, waitStatus);
 }
 
 ChildState Ask(const ChildId& child, int& waitStatus)
@@ -149,11 +163,23 @@ int CountOfUnaskedEnds()
     return unaskedEnds;
 }
 
+int CountOfRunning()
+{
+    return static_cast<int>(records.size()) - unaskedEnds;
+}
+
+void TakeEnds(std::deque<long>& processIds)
+{
+    processIds.insert(processIds.end(), ends.begin(), ends.end());
+    ends.clear();
+}
+
 void Clear()
 {
     // Let go of and not freed: that would touch, and so copy, every page that the parent's table is on.
     new Records(std::move(records));
     records = Records();
+    ends.clear();
     unaskedEnds = 0;
 }
 } // namespace ChildTable

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <deque>
+
 #include <sys/types.h>
 
 /**
@@ -27,7 +29,7 @@ enum class ChildState {
  * dropped. Since nobody else reaps, a child that the table calls running cannot have had its id reused:
  * signalling it is safe, and nothing may signal one that the table calls ended.
  *
- * The daemon calls Reap() once per SIGCHLD, so asking costs no system call.
+ * The daemon collects at each SIGCHLD, so asking costs no system call.
  */
 namespace ChildTable
 {
@@ -36,8 +38,10 @@ namespace ChildTable
 void Prepare();
 /** Enters a child that was just forked. Must come before the next Reap(). */
 ChildId Enter(pid_t processId);
-/** Collects, without blocking, every child that has ended. */
+/** Collects, without blocking, every child that has ended. Its cost grows with the number of children. */
 void Reap();
+/** Collects this child if it has ended, at the same cost however many children there are. */
+void ReapOne(pid_t processId);
 /** The child's state as of the last Reap(); an ended child's wait status goes to `waitStatus` and its entry.
  */
 ChildState Ask(const ChildId& child, int& waitStatus);
@@ -51,6 +55,11 @@ bool HoldsRunning(pid_t processId);
 void Forget(const ChildId& child);
 /** Number of ended children that have not been asked for yet. */
 int CountOfUnaskedEnds();
+/** Number of children that run. */
+int CountOfRunning();
+/** Appends the process ids of the table's children that were collected since the last call, in the order of
+ * their ends. */
+void TakeEnds(std::deque<long>& processIds);
 /** Drops everything: the first thing a forked worker does, whose children these are not. */
 void Clear();
 } // namespace ChildTable
