@@ -39,6 +39,8 @@ public:
     bool Feed(std::string_view bytes, std::string& output);
     /** Appends what was held back and is output after all, and tells how the stream ended. Called once. */
     StreamEnd Finish(std::string& output);
+    /** The server has spoken: it may be sent more than the request. */
+    bool IsPastBanner() const { return state_ == InOpening || state_ == InOutput; }
 
 private:
     enum State { InBanner, InOpening, InOutput, Foreign };

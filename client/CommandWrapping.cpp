@@ -1,0 +1,202 @@
+#include "client/CommandWrapping.h"
+
+#include <array>
+
+#include <sys/random.h>
+
+#include "client/ShellWords.h"
+
+namespace
+{
+constexpr std::string_view Unsendable = "|\n";
+// The first parameter is "|" and the second a newline with a dot behind, since a substitution drops
+// newlines at its end. Inside a quoted line each is the close of the quotes, the parameter, the opening.
+constexpr std::string_view SetUnsendable = "set -- \"$(printf '\\174')\" \"$(printf '\\n.')\";";
+constexpr std::string_view SentBar = "'\"$1\"'";
+constexpr std::string_view SentNewline = "'\"${2%.}\"'";
+constexpr std::string_view Shell = "/bin/sh -c ";
+constexpr std::string_view ExecShell = "exec /bin/sh -c ";
+
+// Every alternative is an "if": the separator may not stand in the lines at all.
+constexpr std::string_view OpenErrorsLead = "if [ -p ";
+constexpr std::string_view OpenErrorsEnd = ";else exit 126;fi;";
+constexpr std::string_view ReaderLead = "trap '' PIPE;set -- \"$RUVELSERVER_TMP\" 0;";
+constexpr std::string_view EndOfRun = ";exit $1";
+constexpr std::string_view FifoName = "/.ruvel-";
+constexpr std::size_t MarkBytes = 16;
+/** What a listing shows of a line that is not in the sent one, in bytes. */
+constexpr std::size_t LongestPreview = 200;
+
+bool IsSendable(std::string_view line)
+{
+    return line.find_first_of(Unsendable) == std::string_view::npos;
+}
+
+/** One word that the remote shell reads as the line, once SetUnsendable has run if the line needs it. */
+std::string QuoteForWire(std::string_view line)
+{
+    // A shell would take it for options.
+    const bool isOption = line.starts_with('-') || line.starts_with('+');
+    std::string sent;
+    for (const char byte : JoinShellWords({(isOption ? " " : "") + std::string(line)})) {
+        if (byte == '|')
+            sent += SentBar;
+        else if (byte == '\n')
+            sent += SentNewline;
+        else
+            sent += byte;
+    }
+    return sent;
+}
+
+std::string FifoPath(const Wrapping& wrapping)
+{
+    const char* const folder = wrapping.fifoFolder == Wrapping::InTmp ? "/tmp" : "\"$RUVELSERVER_TMP\"";
+    return folder + std::string(FifoName) + wrapping.mark;
+}
+
+/** Prints lead and number. The sent line spells the first byte out, so that showing it prints no mark. */
+std::string PrintMark(const std::string& lead, std::string_view number)
+{
+    return "printf '\\036" + lead.substr(1) + "%d\\n' " + std::string(number);
+}
+
+/**
+ * Takes the FIFO for standard error. The reader holds both its ends, so opening cannot wait. What has been
+ * opened is checked, not what lay there before: where others may write, a name can be exchanged. Nothing is
+ * truncated for the same reason.
+ */
+std::string OpenErrors(const Wrapping& wrapping)
+{
+    if (!wrapping.hasErrorsApart)
+        return "";
+    const std::string fifo = FifoPath(wrapping);
+    return std::string(OpenErrorsLead) + fifo + " ]&&exec 2>>" + fifo +
+           "&&[ -p /dev/fd/2 ]&&[ -O /dev/fd/2 ];then " + PrintMark(ReadyLead(wrapping.mark), "0") +
+           std::string(OpenErrorsEnd);
+}
+
+std::string EndLine(const Wrapping& wrapping)
+{
+    const std::string print = PrintMark(EndLead(wrapping.mark), "$1");
+    return ";set -- $?;" + (wrapping.hasErrorsApart ? print + " >&2;" : "") + print + std::string(EndOfRun);
+}
+
+/** Undoes QuoteForWire for the word that `text` begins with. */
+std::string UnquoteFromWire(std::string_view text)
+{
+    std::string line;
+    bool isQuoted = false;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const std::string_view rest = text.substr(at);
+        if (isQuoted && rest.starts_with(SentBar)) {
+            line += '|';
+            at += SentBar.size() - 1;
+        } else if (isQuoted && rest.starts_with(SentNewline)) {
+            line += '\n';
+            at += SentNewline.size() - 1;
+        } else if (text[at] == '\'') {
+            isQuoted = !isQuoted;
+        } else if (!isQuoted && rest.starts_with("\\'")) {
+            line += '\'';
+            ++at;
+        } else if (!isQuoted && (text[at] == ';' || text[at] == ' ')) {
+            break;
+        } else {
+            line += text[at];
+        }
+    }
+    return line;
+}
+} // namespace
+
+std::string WireLine(std::string_view line)
+{
+    if (IsSendable(line))
+        return std::string(line);
+    return std::string(SetUnsendable).append(ExecShell).append(QuoteForWire(line));
+}
+
+std::string MakeMark()
+{
+    std::array<unsigned char, MarkBytes> random;
+    // So few bytes come at once and whole.
+    [[maybe_unused]] const ssize_t count = getrandom(random.data(), random.size(), 0);
+    std::string mark;
+    for (const unsigned char byte : random) {
+        mark += "0123456789abcdef"[byte >> 4];
+        mark += "0123456789abcdef"[byte & 15];
+    }
+    return mark;
+}
+
+std::string ReadyLead(const std::string& mark)
+{
+    return "\036" + mark + "+";
+}
+
+std::string EndLead(const std::string& mark)
+{
+    return "\036" + mark + ":";
+}
+
+std::string ListingKey(const std::string& mark)
+{
+    return mark + ":%d";
+}
+
+std::string WrapLine(const Wrapping& wrapping, std::string_view line)
+{
+    std::string sent = OpenErrors(wrapping);
+    if (!IsSendable(line))
+        sent += SetUnsendable;
+    return sent.append(Shell).append(QuoteForWire(line)).append(EndLine(wrapping));
+}
+
+std::string WrapLongLine(const Wrapping& wrapping, std::string_view line)
+{
+    // No argument can be as long as such a line, so it is not a shell's but evaluated by a part of this one.
+    std::string preview(line.substr(0, LongestPreview));
+    for (char& byte : preview)
+        if (Unsendable.find(byte) != std::string_view::npos)
+            byte = ' ';
+    return OpenErrors(wrapping) + ": " + QuoteForWire(preview + "...") + ";set -- \"$(head -c " +
+           std::to_string(LongLineInput(line).size()) + ")\";set -- \"${1%.}\";(eval \"shift;$1\")" +
+           EndLine(wrapping);
+}
+
+std::string LongLineInput(std::string_view line)
+{
+    return std::string(line) + '.';
+}
+
+std::string ErrorReaderLine(const std::string& mark)
+{
+    const std::string fifo = "\"$1\"" + std::string(FifoName) + mark;
+    return std::string(ReaderLead) +
+           "if [ ! -d \"$1\" ];then set -- /tmp 1;elif [ ! -w \"$1\" ];then set -- /tmp 1;fi;" +
+           "if mkfifo -m 600 " + fifo + "&&exec 3<>" + fifo + " 4<" + fifo +
+           "&&[ -p /dev/fd/3 ]&&[ -O /dev/fd/3 ]&&" + PrintMark(ReadyLead(mark), "$2") +
+           ";then read x;set -- \"$1\" $?;rm -f " + fifo +
+           ";if [ $2 = 0 ];then exec cat <&4 3<&- 4<&-;fi;else rm -f " + fifo + ";fi;exit 1";
+}
+
+std::string OwnLine(std::string_view sentLine)
+{
+    if (sentLine.starts_with(SetUnsendable) && sentLine.substr(SetUnsendable.size()).starts_with(ExecShell))
+        return UnquoteFromWire(sentLine.substr(SetUnsendable.size() + ExecShell.size()));
+    if (sentLine.starts_with(ReaderLead))
+        return "(passes on a command's standard error)";
+    if (!sentLine.ends_with(EndOfRun))
+        return std::string(sentLine);
+    std::string_view rest = sentLine;
+    if (rest.starts_with(OpenErrorsLead) && rest.find(OpenErrorsEnd) != std::string_view::npos)
+        rest.remove_prefix(rest.find(OpenErrorsEnd) + OpenErrorsEnd.size());
+    if (rest.starts_with(": "))
+        return UnquoteFromWire(rest.substr(2));
+    if (rest.starts_with(SetUnsendable))
+        rest.remove_prefix(SetUnsendable.size());
+    if (rest.starts_with(Shell))
+        return UnquoteFromWire(rest.substr(Shell.size()));
+    return std::string(sentLine);
+}

@@ -1,0 +1,42 @@
+#include "client/RunStream.h"
+
+#include "client/CommandWrapping.h"
+
+RunStream::RunStream(const std::string& mark, bool beginsWithReady)
+    : ready_(ReadyLead(mark)), end_(EndLead(mark)), awaitsReady_(beginsWithReady)
+{
+}
+
+bool RunStream::Feed(std::string_view bytes, std::string& output)
+{
+    text_.clear();
+    const bool isServer = filter_.Feed(bytes, text_);
+    Sort(text_, output);
+    return isServer;
+}
+
+StreamEnd RunStream::Finish(std::string& output)
+{
+    text_.clear();
+    const StreamEnd end = filter_.Finish(text_);
+    Sort(text_, output);
+    ready_.Finish(wordsBeforeReady_);
+    end_.Finish(output);
+    return end;
+}
+
+void RunStream::Sort(std::string_view text, std::string& output)
+{
+    if (awaitsReady_) {
+        ready_.Feed(text, wordsBeforeReady_);
+        if (!ready_.IsFound())
+            return;
+        awaitsReady_ = false;
+        end_.Feed(ready_.TakeRest(), output);
+    } else {
+        end_.Feed(text, output);
+    }
+    // What a child that was left behind writes behind the end is nobody's.
+    if (end_.IsFound())
+        end_.TakeRest();
+}

@@ -1,0 +1,100 @@
+#include "client/CommandWrapping.h"
+
+#include <cstdio>
+#include <random>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "client/ShellWords.h"
+
+namespace
+{
+struct Ran {
+    std::string output;
+    int code;
+};
+
+/** Runs a line as the server does, with this as the first of its input. */
+Ran RunShell(const std::string& line, const std::string& input = "")
+{
+    FILE* const file = tmpfile();
+    fwrite(input.data(), 1, input.size(), file);
+    rewind(file);
+    const std::string command = "exec 0<&" + std::to_string(fileno(file)) + ";" + line;
+    FILE* const shell = popen(command.c_str(), "r");
+    Ran ran;
+    for (int byte; (byte = fgetc(shell)) != EOF;)
+        ran.output += static_cast<char>(byte);
+    ran.code = WEXITSTATUS(pclose(shell));
+    fclose(file);
+    return ran;
+}
+
+const Wrapping Merged = {"0123456789abcdef", false, Wrapping::InTmp};
+} // namespace
+
+TEST(CommandWrappingTest, AShellReadsAnyWordsThroughTheWire)
+{
+    std::mt19937 random(20050127);
+    for (int round = 0; round < 60; ++round) {
+        std::vector<std::string> words = {"printf", "%s\\0"};
+        std::string expected;
+        for (std::size_t count = 1 + random() % 5; count > 0; --count) {
+            std::string word;
+            for (std::size_t length = random() % 40; length > 0; --length)
+                // What means something to shells and to the wire is more frequent than it would be.
+                word += random() % 2 == 0 ? "|\n'\"\\$`; .}"[random() % 11]
+                                          : static_cast<char>(1 + random() % 255);
+            expected += word + '\0';
+            words.push_back(word);
+        }
+        const std::string line = JoinShellWords(words);
+        const std::string end = EndLead(Merged.mark) + "0\n";
+        for (const std::string& sent : {WireLine(line), WrapLine(Merged, line), WrapLongLine(Merged, line)})
+            ASSERT_EQ(sent.find_first_of("|\n"), std::string::npos) << sent;
+        ASSERT_EQ(RunShell(WireLine(line)).output, expected) << line;
+        ASSERT_EQ(RunShell(WrapLine(Merged, line)).output, expected + end) << line;
+        ASSERT_EQ(RunShell(WrapLongLine(Merged, line), LongLineInput(line) + "?").output, expected + end)
+            << line;
+        ASSERT_EQ(OwnLine(WireLine(line)), line);
+        ASSERT_EQ(OwnLine(WrapLine(Merged, line)), line);
+    }
+}
+
+TEST(CommandWrappingTest, TellsTheCodeWhateverTheLineDoesToItsShell)
+{
+    const struct {
+        const char* line;
+        int code;
+    } cases[] = {{"exit 3", 3},        {"kill -9 $$", 137},
+                 {"exec false", 1},    {"trap 'exit 8' 0; exit 4", 8},
+                 {"set -e; false", 1}, {"printf() { :; }; (exit 255)", 255},
+                 {"echo 'x", 2},       {"", 0},
+                 {"-x", 127},          {"# nothing", 0}};
+    for (const auto& one : cases) {
+        const Ran ran = RunShell(WrapLine(Merged, one.line) + " 2>&1");
+        EXPECT_EQ(ran.code, one.code) << one.line;
+        EXPECT_TRUE(ran.output.ends_with(EndLead(Merged.mark) + std::to_string(one.code) + "\n")) << one.line;
+    }
+}
+
+TEST(CommandWrappingTest, ShowingTheSentLineShowsNoMark)
+{
+    for (const std::string& sent :
+         {WrapLine({"abc", true, Wrapping::InTmp}, "ls"), WrapLongLine({"abc", false, Wrapping::InTmp}, "ls"),
+          ErrorReaderLine("abc")}) {
+        EXPECT_EQ(sent.find(EndLead("abc")), std::string::npos);
+        EXPECT_EQ(sent.find(ReadyLead("abc")), std::string::npos);
+    }
+}
+
+TEST(CommandWrappingTest, ListingsShowTheUsersLine)
+{
+    const Wrapping apart = {"abc", true, Wrapping::InLogFolder};
+    EXPECT_EQ(OwnLine(WrapLine(apart, "a;exit $1")), "a;exit $1");
+    EXPECT_EQ(OwnLine(WrapLongLine(apart, "a 'b' | c")), "a 'b'   c...");
+    for (const std::string own : {"ls -l", "/bin/sh -c 'x'", "exit $1", "/bin/sh -c a;exit $2"})
+        EXPECT_EQ(OwnLine(own), own);
+    EXPECT_EQ(OwnLine(ErrorReaderLine("abc")), "(passes on a command's standard error)");
+}
