@@ -129,11 +129,13 @@ private:
     /** Every descendant comes to its reaper, this process, as soon as those above it have ended. */
     static void EndEverybody()
     {
-        do {
+        siginfo_t ended{};
+        while (waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT | WNOHANG) == 0) { // while there are children
             for (const pid_t child : ChildrenReader().ListChildren(getpid()))
                 kill(child, SIGKILL);
-        } while (waitpid(-1, nullptr, 0) > 0);
-        ChildTable::Clear();
+            usleep(1000);
+            ChildTable::Reap();
+        }
     }
 
     std::string folder_;

@@ -34,12 +34,12 @@ TEST_F(ChildTableTest, AReusedIdIsNotMistakenForTheChildThatHadIt)
     EXPECT_TRUE(ChildTable::IsRunning(second));
     int status = 0;
     EXPECT_EQ(ChildTable::Ask(second, status), ChildState::Running);
-    EXPECT_EQ(ChildTable::Ask(first, status), ChildState::Ended);
-    EXPECT_EQ(WEXITSTATUS(status), 5);
-    EXPECT_EQ(ChildTable::Ask(first, status), ChildState::Unknown);
     EXPECT_TRUE(ChildTable::HoldsRunning(static_cast<pid_t>(second.processId)));
     ChildTable::Forget(second);
     EXPECT_FALSE(ChildTable::HoldsRunning(static_cast<pid_t>(second.processId)));
+    EXPECT_EQ(ChildTable::Ask(first, status), ChildState::Ended);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    EXPECT_EQ(ChildTable::Ask(first, status), ChildState::Unknown);
     EXPECT_EQ(ChildTable::CountOfUnaskedEnds(), 0);
 }
 
@@ -156,6 +156,26 @@ TEST_F(ProcessTest, WhatCannotStartSaysWhyAndLeavesNothing)
     EXPECT_EQ(WaitForEnd(longest), 6);
 }
 
+TEST_F(ProcessTest, AForkThatFailsLeavesNoLog)
+{
+    ASSERT_EQ(chmod(std::filesystem::path(Path("log")).parent_path().c_str(), 0777), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit none{0, 0}; // of processes, for anybody but root
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || (geteuid() == 0 && setuid(65534) != 0))
+            _exit(2);
+        BaseProcess process;
+        EXPECT_NE(Start(process, "exit 0"), 0);
+        EXPECT_EQ(process.BaseProcessGetLastError(),
+                  QORUnicodeString("Error unable to start command : Resource temporarily unavailable"));
+        EXPECT_FALSE(std::filesystem::exists(Path("log")));
+        _exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "see the expectations that failed above";
+}
+
 TEST_F(ProcessTest, AFailureBeyondTheForkReachesTheLog)
 {
     const std::string large(120000, 'x'); // 30 of them are more than the kernel passes on
@@ -247,7 +267,7 @@ TEST_P(InheritanceTest, NothingOfTheSupervisorsButWhatItShould)
     const auto four = [](unsigned int id) {
         std::string text;
         for (int i = 0; i < 4; ++i)
-            text += "\t" + std::to_string(id);
+            text.append("\t").append(std::to_string(id));
         return text + "\n";
     };
     std::vector<gid_t> groups = account_.groups;
@@ -306,11 +326,12 @@ TEST_P(InheritanceTest, EnvironmentOfALoginOrOfTheSupervisor)
     std::istringstream lines(Run("tr '\\0' '\\n' < /proc/$$/environ"));
 
     std::vector<std::string> entries;
-    std::string mark;
+    std::vector<std::string> marks;
     for (std::string line; std::getline(lines, line);)
-        (line.starts_with("RUVELSERVER_MARK=") ? mark : entries.emplace_back()) = line;
-    EXPECT_EQ(mark.size(), 17U + 32U) << mark;
-    EXPECT_TRUE(std::all_of(mark.begin() + 17, mark.end(), [](char c) { return std::isxdigit(c); })) << mark;
+        (line.starts_with("RUVELSERVER_MARK=") ? marks : entries).push_back(line);
+    ASSERT_EQ(marks.size(), 1U);
+    EXPECT_EQ(marks[0].size(), 17U + 32U) << marks[0];
+    EXPECT_TRUE(std::all_of(marks[0].begin() + 17, marks[0].end(), [](char c) { return std::isxdigit(c); }));
 
     std::vector<std::string> expected;
     if (GetParam().asUser)

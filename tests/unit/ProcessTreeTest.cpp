@@ -154,14 +154,15 @@ TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
 
 TEST_F(ProcessTreeTest, ATreeThatIsStillGrowing)
 {
-    BaseProcess process;
-    StartTree(process, "i=0; while [ $i -lt 300 ]; do i=$((i+1)); (setsid @ &); done; wait");
-    WaitForIds(20);
-    process.KillBaseProcessTree(1);
-    EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
-    ProcessTree tree = process.TakeProcessTree();
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-    EXPECT_TRUE(IsNobodyLeft());
+    for (int round = 0; round < 5; ++round) { // a gap in the search is hit by some of them only
+        BaseProcess process;
+        std::filesystem::remove(Path("ids"));
+        StartTree(process, "while :; do (setsid @ &); (setsid @ &); done");
+        WaitForIds(20);
+        process.KillBaseProcessTree(1); // once has to do
+        EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+        EXPECT_TRUE(IsNobodyLeft());
+    }
 }
 
 TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
@@ -179,7 +180,8 @@ TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
         process.KillBaseProcessTree(1);
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
         EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
-        process.KillBaseProcessTree(1); // finds those that could not be looked for: there are descriptors now
+        if (left == 0) // nobody but the command itself could be found then
+            process.KillBaseProcessTree(1);
         EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; })) << left;
     }
 }
