@@ -1,6 +1,11 @@
+#include <string_view>
+
+#include "client/RemoteShell.h"
 #include "client/Subcommand.h"
 
 int main(int argc, char** argv)
 {
-    return RunProgram(argc, argv);
+    const std::string_view path = argc > 0 ? argv[0] : "";
+    const bool isRemoteShell = path.substr(path.rfind('/') + 1) == RemoteShellName;
+    return isRemoteShell ? RunRemoteShell(argc, argv) : RunProgram(argc, argv);
 }
