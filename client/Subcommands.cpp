@@ -7,6 +7,10 @@
 #include <CLI/CLI.hpp>
 
 #include "client/ClientVersion.h"
+#include "client/GetCommand.h"
+#include "client/KillCommand.h"
+#include "client/ListCommand.h"
+#include "client/PutCommand.h"
 #include "client/RunCommand.h"
 #include "client/SubcommandParser.h"
 
@@ -14,6 +18,11 @@ namespace
 {
 constexpr auto Table = std::to_array<Subcommand>({
     {"run", "Run a command and print its output as it comes", RunCommand},
+    {"list", "Show what the server runs", RunList},
+    {"kill", "End commands and transfers", RunKill},
+    {"put", "Move files to the server's machine", RunPut},
+    {"get", "Move files from the server's machine", RunGet},
+    {"shutdown", "End the server", RunShutdown},
 });
 
 /**

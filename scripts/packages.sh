@@ -2,7 +2,7 @@
 # Sourced by the scripts beside it: which Debian packages are needed, and how what is missing is installed.
 
 # To compile the daemon and its client.
-build_packages=(cmake ninja-build g++ libpam0g-dev libcli11-dev)
+build_packages=(cmake ninja-build g++ libpam0g-dev libcli11-dev nlohmann-json3-dev)
 # Besides these: to check the format, compile the tests and run them (ksh is the interactive form's shell).
 test_packages=(clang-format libgtest-dev libgmock-dev ksh passwd procps util-linux)
 
