@@ -25,6 +25,12 @@ using Records = std::unordered_multimap<pid_t, Record>;
 
 Records records;
 Records::node_type spare; // the room that Prepare() made
+/** Tables that Clear() has let go of, still within reach so that nothing takes them for lost. */
+struct Abandoned {
+    Records records;
+    Abandoned* earlier;
+};
+Abandoned* abandoned = nullptr;
 unsigned long long lastSerial = 0;
 int unaskedEnds = 0;
 std::deque<long> ends; // that nobody has taken yet
@@ -177,7 +183,7 @@ void TakeEnds(std::deque<long>& processIds)
 void Clear()
 {
     // Let go of and not freed: that would touch, and so copy, every page that the parent's table is on.
-    new Records(std::move(records));
+    abandoned = new Abandoned{std::move(records), abandoned};
     records = Records();
     ends.clear();
     unaskedEnds = 0;
