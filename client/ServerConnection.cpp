@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -90,9 +91,25 @@ Failure ServerConnection::Receive(std::string& bytes, bool& isEnd)
     return {};
 }
 
+Failure ServerConnection::FindOwnAddress(std::string& address) const
+{
+    sockaddr_in own = {};
+    socklen_t length = sizeof own;
+    std::array<char, INET_ADDRSTRLEN> text;
+    if (getsockname(Descriptor(), reinterpret_cast<sockaddr*>(&own), &length) != 0 ||
+        own.sin_family != AF_INET ||
+        inet_ntop(AF_INET, &own.sin_addr, text.data(), text.size()) == nullptr)
+        return {"the server cannot be told the address of this machine: a proxy hides it"};
+    address = text.data();
+    return {};
+}
+
 Failure ServerConnection::Broken(int error) const
 {
-    const char* const hint = error == ETIMEDOUT ? "; the server or the network has vanished, try again later"
-                                                : "; the server may have been ended, try again";
+    const char* hint = "; the server may have been ended, try again";
+    if (proxy_.IsRunning())
+        hint = "; check the proxy command";
+    else if (error == ETIMEDOUT)
+        hint = "; the server or the network has vanished, try again later";
     return {"the connection to " + name_ + " broke: " + strerror(error) + hint};
 }

@@ -39,6 +39,9 @@ public:
     /** Waits for some bytes and appends them; at the end of the stream none, and `isEnd` is set. */
     Failure Receive(std::string& bytes, bool& isEnd);
 
+    /** The address of this machine on the way to the server. */
+    Failure FindOwnAddress(std::string& address) const;
+
     /** What a broken connection means, for an error number of recv() or send(). */
     Failure Broken(int error) const;
 

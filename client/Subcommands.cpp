@@ -7,17 +7,24 @@
 #include <CLI/CLI.hpp>
 
 #include "client/ClientVersion.h"
+#include "client/CollectCommand.h"
 #include "client/GetCommand.h"
 #include "client/KillCommand.h"
 #include "client/ListCommand.h"
 #include "client/PutCommand.h"
 #include "client/RunCommand.h"
+#include "client/ShellCommand.h"
 #include "client/SubcommandParser.h"
+#include "client/SubmitCommand.h"
 
 namespace
 {
 constexpr auto Table = std::to_array<Subcommand>({
     {"run", "Run a command and print its output as it comes", RunCommand},
+    {"submit", "Run a command and print its output when it has ended, or leave it to itself", RunSubmit},
+    {"collect", "Take the logs of commands that were left to themselves", RunCollect},
+    {"state", "Tell whether such a command is still at work", RunState},
+    {"shell", "Feed a shell with standard input", RunShell},
     {"list", "Show what the server runs", RunList},
     {"kill", "End commands and transfers", RunKill},
     {"put", "Move files to the server's machine", RunPut},

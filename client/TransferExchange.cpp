@@ -1,10 +1,10 @@
 #include "client/TransferExchange.h"
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -122,13 +122,8 @@ Failure TransferExchange::Conclude()
 /** Opens a port for the server to connect to, and finds the address under which it sees this machine. */
 Failure TransferExchange::Listen(std::string& host, int& port)
 {
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    std::array<char, INET_ADDRSTRLEN> text;
-    if (getsockname(control_.Descriptor(), reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size()) == nullptr)
-        return SystemFailure("cannot tell the address of this machine", errno);
-    host = text.data();
+    if (Failure failure = control_.FindOwnAddress(host))
+        return failure;
     if (listening_.OpenServerSocket(port, 1) != 0)
         return {"cannot open a port for the server to connect to: " +
                 std::string(listening_.BaseSocketGetLastError().View())};
