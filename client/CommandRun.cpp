@@ -21,6 +21,8 @@ constexpr int ExpiredCode = 124;
 constexpr int HighestExitCode = 255;
 /** Once the command's end is known, what is still to come is on its way already: milliseconds. */
 constexpr long long PatienceWithEnd = 10'000;
+/** Without a mark, whoever holds standard error open may do so for ever. */
+constexpr long long PatienceWithErrors = 2'000;
 
 /** The line of a shell's complaint, without what would break ours. */
 std::string FirstLine(const std::string& text)
@@ -198,7 +200,8 @@ void CommandRun::FollowCommand()
         static_cast<void>(errors_->connection.Send("\n"));
     }
     if (givesUpAt_ == 0 && (command_.hasEnded || command_.stream.IsWhole()))
-        givesUpAt_ = Clock::SteadyMilliseconds() + PatienceWithEnd;
+        givesUpAt_ =
+            Clock::SteadyMilliseconds() + (command_.stream.IsWhole() ? PatienceWithEnd : PatienceWithErrors);
     if (command_.hasEnded)
         input_->Stop();
 }

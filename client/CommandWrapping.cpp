@@ -173,12 +173,13 @@ std::string LongLineInput(std::string_view line)
 std::string ErrorReaderLine(const std::string& mark)
 {
     const std::string fifo = "\"$1\"" + std::string(FifoName) + mark;
+    const std::string remove = "rm -f " + fifo;
     return std::string(ReaderLead) +
-           "if [ ! -d \"$1\" ];then set -- /tmp 1;elif [ ! -w \"$1\" ];then set -- /tmp 1;fi;" +
-           "if mkfifo -m 600 " + fifo + "&&exec 3<>" + fifo + " 4<" + fifo +
+           "if [ ! -d \"$1\" ];then set -- /tmp 1;elif [ ! -w \"$1\" ];then set -- /tmp 1;fi;" + "trap '" +
+           remove + ";exit 1' HUP INT TERM;if mkfifo -m 600 " + fifo + "&&exec 3<>" + fifo + " 4<" + fifo +
            "&&[ -p /dev/fd/3 ]&&[ -O /dev/fd/3 ]&&" + PrintMark(ReadyLead(mark), "$2") +
-           ";then read x;set -- \"$1\" $?;rm -f " + fifo +
-           ";if [ $2 = 0 ];then exec cat <&4 3<&- 4<&-;fi;else rm -f " + fifo + ";fi;exit 1";
+           ";then read x;set -- \"$1\" $?;" + remove + ";if [ $2 = 0 ];then exec cat <&4 3<&- 4<&-;fi;else " +
+           remove + ";fi;exit 1";
 }
 
 std::string OwnLine(std::string_view sentLine)
