@@ -61,7 +61,7 @@ TEST_P(ShutdownBy, EveryClientIsToldAndEveryCommandEnds)
     const std::string command = "echo begun; exec sleep 1000";
     attached.Send(Launch("SOCKET", command));
     EXPECT_EQ(attached.ReadUntil("begun\n"), BannerLine + std::string("begun\n"));
-    detached.Send(Launch("NOSOCKET", "trap 'exit 6' TERM; echo begun; sleep 1000 & wait"));
+    detached.Send(Launch("NOSOCKET", "trap 'exit 6' TERM; sh -c 'echo begun; exec sleep 1000' & wait"));
     const std::string answer = Ask(daemon, PassiveLaunch(command, collector.Port()));
     // All have begun before the end is asked for.
     ASSERT_TRUE(WaitUntil([&] {
@@ -108,8 +108,10 @@ TEST(Shutdown, ACommandThatHasEndedIsReportedAsEver)
 TEST(Shutdown, NobodyIsServedAfterIt)
 {
     DaemonUnderTest daemon;
+    // A shell of its own tells: a child that has not yet left its parent's traps would swallow the signal.
     Client stubborn = daemon.Connect();
-    stubborn.Send(Launch("SOCKET", "trap 'echo asked; read line; exit 2' TERM; echo up; sleep 1000 & wait"));
+    stubborn.Send(Launch(
+        "SOCKET", "trap 'echo asked; read line; exit 2' TERM; sh -c 'echo up; exec sleep 1000' & wait"));
     stubborn.ReadUntil("up\n");
     EXPECT_EQ(daemon.LogFiles().size(), 0u);
     daemon.Process().Signal(SIGTERM);
