@@ -100,6 +100,7 @@ Failure Get::FetchRound(int round, bool& isWhole)
     const long long before = target_.Facts().size;
     if (Failure failure = ReceiveAll(exchange, request.isAscii))
         return failure;
+    bar_.Finish();
     const long long now = target_.Facts().size;
     const bool isCompared = answer.kind == TransferAnswer::Rest && now >= answer.sizeInAll;
     isWhole = options_.isInPlace || !IsComparable() ||

@@ -116,8 +116,12 @@ ProgressBar::ProgressBar(std::string_view name, bool isWanted)
 {
 }
 
-ProgressBar::~ProgressBar()
+void ProgressBar::Finish()
 {
+    if (isFinished_)
+        return;
+    progress_.seconds = Seconds();
+    isFinished_ = true;
     if (!hasLine_)
         return;
     Draw();
@@ -135,12 +139,14 @@ void ProgressBar::Start(long long bytesBefore, long long bytesInAll)
 void ProgressBar::Update(long long bytesDone)
 {
     progress_.bytesDone = bytesDone;
-    if (isDrawn_ && Clock::SteadyMilliseconds() - drawnMilliseconds_ >= DrawingInterval)
+    if (isDrawn_ && !isFinished_ && Clock::SteadyMilliseconds() - drawnMilliseconds_ >= DrawingInterval)
         Draw();
 }
 
 double ProgressBar::Seconds() const
 {
+    if (isFinished_)
+        return progress_.seconds;
     return static_cast<double>(Clock::SteadyMilliseconds() - startMilliseconds_) / 1000;
 }
 

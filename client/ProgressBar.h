@@ -33,13 +33,14 @@ public:
     ProgressBar(std::string_view name, bool isWanted);
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
-    /** Leaves the last state of a bar that was drawn, and ends its line. */
-    ~ProgressBar();
+    ~ProgressBar() { Finish(); }
 
     /** What was there before, and the size in all (-1: unknown). */
     void Start(long long bytesBefore, long long bytesInAll);
     void Update(long long bytesDone);
-    /** Seconds since Start. */
+    /** The bytes have been moved: stops the watch, leaves the last state and ends its line. */
+    void Finish();
+    /** Seconds from Start to Finish. */
     double Seconds() const;
 
 private:
@@ -48,6 +49,7 @@ private:
     std::string name_;
     bool isDrawn_;
     bool hasLine_ = false;
+    bool isFinished_ = false;
     Progress progress_;
     long long startMilliseconds_ = 0;
     long long drawnMilliseconds_ = 0;

@@ -118,6 +118,7 @@ Failure Put::Run(const std::string& target)
     outcome_.target = target_.path;
     if (Failure failure = Move())
         return failure;
+    bar_.Finish();
     outcome_.bytes = sums_.Facts().size;
     outcome_.checkSum = sums_.Facts().bodyCheckSum;
     outcome_.seconds = bar_.Seconds();
