@@ -12,6 +12,7 @@ namespace
 using Row = std::vector<std::string>;
 
 constexpr std::string_view Gap = "  ";
+constexpr std::string_view PartEnding = ".ruvelpart";
 
 /** A heading and rows of as many cells; numbers stand to the right, the last cell as it comes. */
 struct Table {
@@ -70,6 +71,16 @@ std::string ShownStatus(const ListedWork& work)
     return work.status.empty() ? "" : " [" + Terminal::MakePrintable(work.status) + "]";
 }
 
+/** What a put writes into is called after its target, which is what its user knows. */
+std::string ShownFile(const std::string& file)
+{
+    const std::size_t slash = file.rfind('/') + 1;
+    const std::size_t ending = file.size() - std::min(file.size(), PartEnding.size());
+    if (file.substr(slash, 1) != "." || ending <= slash || file.substr(ending) != PartEnding)
+        return file;
+    return file.substr(0, slash) + file.substr(slash + 1, ending - slash - 1);
+}
+
 Table MakeCommandTable(const std::vector<ListedWork>& commands)
 {
     Table table{"Commands", {"N", "PROCESS", "USER", "BEGAN", "COMMAND"}, 2, {}};
@@ -88,7 +99,7 @@ Table MakeTransferTable(const std::vector<ListedWork>& transfers)
                               Terminal::MakePrintable(one.beginDate),
                               std::string(one.isGet ? "get" : "put") + (one.isAscii ? " ascii" : "") +
                                   (one.isPassive ? " passive" : ""),
-                              Terminal::MakePrintable(one.file) + ShownStatus(one)});
+                              Terminal::MakePrintable(ShownFile(one.file)) + ShownStatus(one)});
     return table;
 }
 
