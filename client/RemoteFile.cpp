@@ -42,7 +42,7 @@ END
     p=$d.$n.ruvelpart
     [ -L "$p" ] && say "Is a link, which is not trusted: $p"
     if [ -e "$p" ]; then
-        [ -f "$p" ] && [ -O "$p" ] && [ "$(stat -c %h -- "$p")" = 1 ] && chmod 600 -- "$p" ||
+        [ -f "$p" ] && [ -O "$p" ] && [ "$(stat -c %h -- "$p")" = 1 ] ||
             say "Does not belong to this transfer, remove it: $p"
     else
         e=$( (umask 077; set -C; : >"$p") 2>&1 ) || say "Cannot write in the folder (--in-place does without): ${e##*: }: $d"
@@ -62,13 +62,19 @@ kind=s
 printf '%s\0%s\0%s\0%s\0%s\0\0' "$kind" $(stat -L --printf '%a %.Y %s' -- "$t") "$t"
 )sh";
 
-/** $1 part or empty, $2 target, $3 size, $4 mode, $5 time. */
+/**
+ * $1 part or empty, $2 target, $3 size, $4 mode, $5 time. Whoever owns the folder can exchange the file for a
+ * link at any moment, so what is changed is what is open, once it is known to be what the name stood for.
+ */
 constexpr std::string_view FinishScript = R"sh(
 say() { printf '!%s\n' "$1"; exit 0; }
 f=${1:-$2}
-[ "$(stat -c %s -- "$f")" = "$3" ] || say "Another transfer has changed it: $f"
-if [ "$4" ]; then e=$(chmod "$4" -- "$f" 2>&1) || say "Cannot set the mode: $e"; fi
-if [ "$5" ]; then e=$(touch -d "@$5" -- "$f" 2>&1) || say "Cannot set the time: $e"; fi
+command exec 9<>"$f" || say "Cannot be opened any more: $f"
+o=/proc/self/fd/9 h=1
+[ "$1" ] && h=%h
+[ "$(stat -L -c '%d %i 1 %s' $o)" = "$(stat -c "%d %i $h" -- "$f") $3" ] || say "Was changed meanwhile: $f"
+if [ "$4" ]; then e=$(chmod "$4" $o 2>&1) || say "Cannot set the mode: $e"; fi
+if [ "$5" ]; then e=$(touch -d "@$5" $o 2>&1) || say "Cannot set the time: $e"; fi
 if [ "$1" ]; then e=$(mv -fT -- "$1" "$2" 2>&1) || say "Cannot replace the target: $e"; fi
 printf 'done\0'
 )sh";
