@@ -3,9 +3,9 @@
 #include <fstream>
 #include <random>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "tests/system/ControlProcess.h"
