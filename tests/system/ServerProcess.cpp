@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -62,6 +63,9 @@ void ServerProcess::Become(const std::vector<std::string>& arguments, const std:
         setenv("USER", account->pw_name, 1);
         setenv("LOGNAME", account->pw_name, 1);
     }
+    // Should the test die, the daemon ends as it does on request. Taking on a user undoes this, so it is
+    // last.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     std::vector<char*> vector{const_cast<char*>("RuvelServer")};
     for (const std::string& argument : arguments)
         vector.push_back(const_cast<char*>(argument.c_str()));
