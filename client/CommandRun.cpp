@@ -141,9 +141,10 @@ void CommandRun::Turn()
     }
     if (errors_ && !errors_->hasEnded && !errors_->output.HasPending())
         polled[Errors] = {errors_->connection.Descriptor(), POLLIN, 0};
-    // Polled for nothing it still tells that its reader has left.
-    polled[Output] = {command_.output.Descriptor(),
-                      static_cast<short>(command_.output.HasPending() ? POLLOUT : 0), 0};
+    // Whether anybody still reads is found out by writing, as for a command here: those who have read all
+    // they want may close it and wait for the exit code.
+    if (command_.output.HasPending())
+        polled[Output] = {command_.output.Descriptor(), POLLOUT, 0};
     if (errors_ && errors_->output.HasPending())
         polled[ErrorOutput] = {errors_->output.Descriptor(), POLLOUT, 0};
 
@@ -151,8 +152,6 @@ void CommandRun::Turn()
         return;
     if (polled[Signal].revents != 0)
         EndBySignal(signals_->Take());
-    if ((polled[Output].revents & POLLERR) != 0)
-        EndByClosedOutput();
     if (polled[Output].revents != 0)
         PassOn(command_, {});
     if (polled[ErrorOutput].revents != 0)

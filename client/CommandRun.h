@@ -35,7 +35,7 @@ struct RunRequest {
  *                     end of the stream without a mark         over
  *   ending            return line, or the end of patience      over
  *
- * In every state a signal, or an output that nobody reads any more, ends the remote tree and this process.
+ * In every state a signal, or output that nobody reads any more, ends the remote tree and this process.
  */
 class CommandRun
 {

@@ -20,7 +20,7 @@ public:
     /** The same, waiting until all has been taken. */
     int Flush();
     bool HasPending() const { return !pending_.empty(); }
-    /** To be polled: for POLLOUT when something is pending; with no events it tells of a reader that left. */
+    /** To be polled for POLLOUT when something is pending. */
     int Descriptor() const { return own_.IsOpen() ? own_.Number() : descriptor_; }
 
 private:
