@@ -137,6 +137,20 @@ TEST_F(ProcessTreeTest, AStoppedTreeHearsTheRequest)
     EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; }));
 }
 
+TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
+{
+    BaseProcess process;
+    StartTree(process, "trap '' TERM; %; exec sleep 1000");
+    const pid_t command = WaitForIds(1).at(0);
+    // Continued is only who had stopped; a busy machine may give a member no time to.
+    EXPECT_TRUE(WaitUntil([&] {
+        process.KillBaseProcessTree(0);
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(command), &info, WCONTINUED | WNOHANG) == 0 &&
+               info.si_pid == command;
+    }));
+}
+
 TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
 {
     BaseProcess process;
@@ -152,15 +166,21 @@ TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
     EXPECT_EQ(CountOf(ids), 0U);
 }
 
-TEST_F(ProcessTreeTest, ATreeThatIsStillGrowing)
+TEST_F(ProcessTreeTest, WhoNeverStaysIsCaught)
 {
-    for (int round = 0; round < 5; ++round) { // a gap in the search is hit by some of them only
+    // One grows as fast as it can; the other always leaves a successor of another session and ends.
+    std::ofstream(Path("hop")) << Witness() << "; (setsid sh " << Path("hop") << " &)\n";
+    const std::string growing = "while :; do (setsid @ &); (setsid @ &); done";
+    const std::string hopping = "sh " + Path("hop") + "; sleep 1000";
+    for (const std::string& shell : {growing, hopping}) {
         BaseProcess process;
         std::filesystem::remove(Path("ids"));
-        StartTree(process, "while :; do (setsid @ &); (setsid @ &); done");
+        StartTree(process, shell);
         WaitForIds(20);
-        process.KillBaseProcessTree(1); // once has to do
+        process.KillBaseProcessTree(1);
         EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+        ProcessTree tree = process.TakeProcessTree();
+        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
         EXPECT_TRUE(IsNobodyLeft());
     }
 }
