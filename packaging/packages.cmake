@@ -3,7 +3,7 @@
 foreach(component ruvelserver ruvelcontrol)
   set(documents ${CMAKE_INSTALL_DATADIR}/doc/${component})
   install(FILES debian/copyright DESTINATION ${documents} COMPONENT ${component})
-  ruvel_install_gzipped(${component} ${documents} debian/changelog)
+  ruvel_install_gzipped(${component} ${documents} debian/changelog ../CHANGELOG.md)
 endforeach()
 
 set(CPACK_GENERATOR DEB)
@@ -36,7 +36,8 @@ What is sent, passwords included, is not encrypted: outside a trusted network
 let clients come in through OpenSSH. So the daemon is installed but not
 enabled.")
 set(CPACK_DEBIAN_RUVELSERVER_PACKAGE_DEPENDS "libpam-runtime, libpam-modules, init-system-helpers (>= 1.52)")
-set(CPACK_DEBIAN_RUVELSERVER_PACKAGE_SUGGESTS "ksh, nftables, openssh-server, ruvelcontrol")
+set(CPACK_DEBIAN_RUVELSERVER_PACKAGE_RECOMMENDS "iproute2, ksh")
+set(CPACK_DEBIAN_RUVELSERVER_PACKAGE_SUGGESTS "nftables, openssh-server, ruvelcontrol, socat")
 set(CPACK_DEBIAN_RUVELSERVER_PACKAGE_CONTROL_EXTRA
   "${CMAKE_CURRENT_SOURCE_DIR}/debian/ruvelserver/conffiles"
   "${CMAKE_CURRENT_SOURCE_DIR}/debian/ruvelserver/postinst"

@@ -10,6 +10,9 @@ is_installed() {
     [ "$(dpkg-query --show --showformat '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
+# To build the Debian packages and try them in a clean root.
+package_packages=(debootstrap dpkg-dev file iproute2 lintian mandoc socat util-linux)
+
 # install_packages PACKAGE...: installs those that are missing and says so; does nothing when none is.
 install_packages() {
     local missing=() as_root=() package
