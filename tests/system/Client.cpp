@@ -198,6 +198,12 @@ void Client::ExpectDropped()
     close(std::exchange(descriptor_, -1));
 }
 
+bool Client::HasArrived() const
+{
+    pollfd waiting{descriptor_, POLLIN, 0};
+    return !arrived_.empty() || poll(&waiting, 1, 0) > 0;
+}
+
 int Client::PeerPort() const
 {
     sockaddr_in address{};

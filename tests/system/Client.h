@@ -50,6 +50,9 @@ public:
     /** Expects the connection to go, in an orderly way or not, without a further byte; then closes. */
     void ExpectDropped();
 
+    /** True when the end of the stream or a byte that has not been read is there; waits for nothing. */
+    bool HasArrived() const;
+
     /** The port at the other end. */
     int PeerPort() const;
 

@@ -1,0 +1,229 @@
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/system/Inheritance.h"
+#include "tests/system/TestAccount.h"
+#include "tests/system/TransferClient.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace
+{
+const std::string Reason = "->Error bad user or password";
+const std::string RefusedLaunch = BannerLine + Reason + "\n->ProcessReturnCode = NoThing\n";
+const std::string Closed = BannerLine + std::string("->RuvelServer closed\n");
+constexpr std::chrono::seconds Hold{2};
+
+struct Credentials {
+    std::string user;
+    std::string password;
+};
+
+Credentials Right(const TestAccount& account)
+{
+    return {account.Name(), account.Password()};
+}
+
+std::string LaunchAs(const Credentials& who, std::string_view command = "true",
+                     std::string_view mode = "SOCKET")
+{
+    return Join({Newest, who.user, who.password, std::string(command), std::string(mode), "NOWINDOW", "0"});
+}
+
+std::string KeywordAs(const Credentials& who, std::string_view keyword)
+{
+    return Join({Newest, who.user, who.password, std::string(keyword)});
+}
+
+std::string NotOwner(const std::string& owner, const std::string& asking)
+{
+    return BannerLine + ("->Error not owner : " + owner) + " : " + asking + "\n";
+}
+
+struct Exchange {
+    std::string request;
+    std::string answer;
+};
+
+/** Asks everything at once, so that refusals are held back together, and compares every answer. Returns how
+ * long it was until the first one came. */
+std::chrono::steady_clock::duration ExpectAnswers(DaemonUnderTest& daemon, const std::vector<Exchange>& table)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<Client> clients;
+    for (const Exchange& exchange : table) {
+        clients.push_back(daemon.Connect());
+        clients.back().Send(exchange.request);
+    }
+    WaitUntil([&] { return std::any_of(clients.begin(), clients.end(), std::mem_fn(&Client::HasArrived)); });
+    const auto untilFirst = std::chrono::steady_clock::now() - begin;
+    for (std::size_t i = 0; i < table.size(); ++i)
+        EXPECT_EQ(clients[i].ReadToEnd(), table[i].answer) << table[i].request;
+    return untilFirst;
+}
+
+/** A daemon that this account runs. */
+DaemonOptions RunBy(const TestAccount& account, const std::vector<std::string>& mode)
+{
+    return {.mode = mode, .user = account.Name()};
+}
+} // namespace
+
+TEST(Users, ACommandHasAllThatALoginHasAndNothingOfTheDaemons)
+{
+    TakeOddSurroundings();
+    const TestAccount account({"users", "games"});
+    const TestAccount other;
+    DaemonUnderTest daemon({.mode = {}});
+    // Others hold connections and a log meanwhile.
+    Client silent = daemon.Connect();
+    Client attached = daemon.Connect();
+    attached.Send(LaunchAs(Right(other), "echo up; cat"));
+    attached.ReadUntil("up\n");
+    Client detached = daemon.Connect();
+    detached.Send(LaunchAs(Right(other), "sleep 1000", "NOSOCKET"));
+    for (const std::string& name : {account.Name(), "DOMAIN\\" + account.Name()})
+        for (const char* mode : {"SOCKET", "NOSOCKET"})
+            EXPECT_EQ(Blur(Ask(daemon, LaunchAs({name, account.Password()}, TellInheritance(daemon), mode))),
+                      ExpectInheritance(daemon, ExpectLogin(account.Name()), mode));
+}
+
+TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
+{
+    const TestAccount account;
+    TestAccount locked;
+    TestAccount expired;
+    DaemonUnderTest daemon({.mode = {}});
+    for (const TestAccount* valid : std::initializer_list<const TestAccount*>{&account, &locked, &expired})
+        EXPECT_EQ(Ask(daemon, LaunchAs(Right(*valid), "id -un")), Finished(valid->Name() + "\n", 0));
+    locked.Lock();
+    expired.Expire();
+
+    const std::string& name = account.Name();
+    const std::string& password = account.Password();
+    std::string upper = name;
+    std::transform(upper.begin(), upper.end(), upper.begin(), toupper);
+    const Credentials wrong{name, "wrong"};
+    std::vector<Exchange> table;
+    for (const Credentials& refused : std::vector<Credentials>{
+             wrong,
+             {name, ""},
+             {name, password + " "},
+             {name, password.substr(0, password.size() - 1)},
+             {name, password + std::string(1, '\0') + "x"},
+             {name + " ", password},
+             {name + "\n", password},
+             {upper, password},
+             {name + "\\root", password},
+             {"", ""},
+             {"", password},
+             {"nosuchuser", password},
+             {"nosuchuser", ""},
+             {"root", ""},
+             Right(locked),
+             Right(expired),
+         }) {
+        table.push_back({LaunchAs(refused), RefusedLaunch});
+        table.push_back({LaunchAs(refused, "true", "NOSOCKET"), RefusedLaunch});
+        table.push_back({KeywordAs(refused, "INFO"), Reason});
+    }
+    table.push_back({KeywordAs(wrong, "ALLINFO"), Reason});
+    for (const char* kill : {"KILL", "KILLTREE", "FORCEKILL", "FORCEKILLTREE"})
+        table.push_back({KeywordAs(wrong, kill) + "|0", Reason + "\n"});
+
+    EXPECT_GE(ExpectAnswers(daemon, table), Hold);
+    EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo still here")), Finished("still here\n", 0));
+}
+
+TEST(Users, AnOrdinaryUsersDaemonKnowsItsOwnUsersPasswordOnly)
+{
+    const TestAccount owner;
+    const TestAccount other;
+    // Without -noinstall, -nocheck changes nothing, and neither mode is a way to be somebody else.
+    for (const std::string mode : {"-noinstall", "-nocheck"}) {
+        DaemonUnderTest daemon(RunBy(owner, {mode}));
+        const std::string& name = owner.Name();
+        const std::string refused = mode == "-nocheck"
+                                        ? RefusedLaunch
+                                        : NotOwner(name, other.Name()) + "->ProcessReturnCode = NoThing\n";
+        ExpectAnswers(daemon, {
+                                  {LaunchAs(Right(owner), "id -un; pwd"),
+                                   Finished(name + "\n" + owner.Home() + "\n", 0)},
+                                  {LaunchAs(Right(owner), "id -un", "NOSOCKET"), Finished(name + "\n", 0)},
+                                  {LaunchAs({name, ""}), RefusedLaunch},
+                                  {LaunchAs({name, "wrong"}), RefusedLaunch},
+                                  {KeywordAs({name, ""}, "INFO"), Reason},
+                                  {KeywordAs({name, "wrong"}, "INFO"), Reason},
+                                  {LaunchAs(Right(other)), refused},
+                                  {KeywordAs(Right(other), "INFO"), Reason},
+                                  {KeywordAs({"root", ""}, "INFO"), Reason},
+                              });
+        EXPECT_THAT(Ask(daemon, KeywordAs(Right(owner), "INFO")), HasSubstr("launched command(s)"));
+    }
+}
+
+TEST(Users, AnInstalledDaemonChecksThoughItIsToldNotTo)
+{
+    const TestAccount account;
+    DaemonUnderTest daemon({.mode = {"-nocheck"}});
+    ExpectAnswers(daemon, {{LaunchAs({account.Name(), "wrong"}), RefusedLaunch},
+                           {LaunchAs({"root", "wrong"}), RefusedLaunch},
+                           {LaunchAs(Right(account), "id -un"), Finished(account.Name() + "\n", 0)}});
+}
+
+TEST(Users, OnlyItsOwnerClosesADaemonWithThePassword)
+{
+    const TestAccount account;
+    const TestAccount other;
+    DaemonUnderTest installed({.mode = {}});
+    ExpectAnswers(installed, {{KeywordAs(Right(account), "Close"), NotOwner("root", account.Name())},
+                              {KeywordAs({"root", "wrong"}, "Close"), Reason},
+                              {KeywordAs({"root", ""}, "Close"), Reason}});
+    EXPECT_EQ(Ask(installed, LaunchAs(Right(account), "id -un")), Finished(account.Name() + "\n", 0));
+
+    DaemonUnderTest daemon(RunBy(account, {"-noinstall"}));
+    ExpectAnswers(daemon, {{KeywordAs(Right(other), "Close"), NotOwner(account.Name(), other.Name())},
+                           {KeywordAs({account.Name(), ""}, "Close"), Reason},
+                           {KeywordAs({account.Name(), "wrong"}, "Close"), Reason}});
+    EXPECT_EQ(Ask(daemon, KeywordAs(Right(account), "Close")), Closed);
+    EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
+}
+
+TEST(Users, ATransferReachesWhatItsUserReaches)
+{
+    const TestAccount account;
+    const TestAccount other;
+    DaemonUnderTest daemon({.mode = {}});
+    const std::string secret = other.Home() + "/secret";
+    std::ofstream(secret) << "secret";
+    chmod(secret.c_str(), 0600);
+    const auto order = [&](const std::string& keyword, const std::string& file) {
+        return TransferOrder{
+            .keyword = keyword, .file = file, .user = account.Name(), .password = account.Password()};
+    };
+    const std::string mine = account.Home() + "/mine";
+    EXPECT_EQ(TransferClient(daemon, order("TRANSFERPUT", mine)).Put("content"), Transferred(0));
+    struct stat facts {
+    };
+    ASSERT_EQ(stat(mine.c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_uid, account.UserId());
+    EXPECT_EQ(facts.st_gid, account.GroupId());
+    EXPECT_EQ(facts.st_mode, S_IFREG | 0644U);
+
+    for (const auto& [keyword, refusal] :
+         {std::pair("TRANSFERGET", "WRITEERROR"), {"TRANSFERPUT", "READERROR"}})
+        for (const std::string& file : {secret, std::string("/etc/shadow"), "/root/" + account.Name()})
+            EXPECT_THAT(TransferClient(daemon, order(keyword, file)).Finish(),
+                        AllOf(StartsWith(refusal), HasSubstr("Permission denied")))
+                << file;
+    EXPECT_EQ(ReadFile(secret), "secret");
+}
