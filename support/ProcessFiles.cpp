@@ -143,10 +143,11 @@ bool IsStill(pid_t processId)
 
 Answer HasEnvironmentEntry(pid_t processId, std::string_view entry)
 {
-    const FileDescriptor file = OpenFile(FolderOf(processId) + "/environ");
+    FileDescriptor file = OpenFile(FolderOf(processId) + "/environ");
     if (!file.IsOpen())
         return Answer::No;
     const std::string content = ReadAll(file, LongestEnvironment);
+    file = FileDescriptor(); // it may be the last one there is, which the next look needs
     if (content.empty())
         return IsBetweenPrograms(processId) ? Answer::NotYet : Answer::No;
     // Every entry ends with a NUL; a NUL in front of the first makes all of them look alike.

@@ -192,6 +192,14 @@ TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
         std::filesystem::remove(Path("ids"));
         StartTree(process, "@ & @ & (@ &); (setsid @ &); wait");
         const std::vector<pid_t> ids = WaitForIds(4);
+        // Settled, so that one look is enough: each has become what it stays.
+        EXPECT_TRUE(WaitUntil([&] {
+            return std::all_of(ids.begin(), ids.end(), [](pid_t id) {
+                const std::string folder = "/proc/" + std::to_string(id);
+                return commands::ReadFile(folder + "/comm") == "sleep\n" &&
+                       !commands::ReadFile(folder + "/environ").empty();
+            });
+        }));
         rlimit before{};
         getrlimit(RLIMIT_NOFILE, &before);
         const FileDescriptor next(open("/dev/null", O_RDONLY | O_CLOEXEC));
