@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <vector>
 
 #include <poll.h>
@@ -21,6 +22,9 @@ constexpr int ExpiredCode = 124;
 constexpr int HighestExitCode = 255;
 /** Once the command's end is known, what is still to come is on its way already: milliseconds. */
 constexpr long long PatienceWithEnd = 10'000;
+/** What may be the beginning of an end is held back no longer than this: milliseconds. The rest of an end
+ * follows at once, but whoever takes turns with the command may wait for these very bytes. */
+constexpr long long HoldingTime = 200;
 /** Without a mark, whoever holds standard error open may do so for ever. */
 constexpr long long PatienceWithErrors = 2'000;
 
@@ -117,11 +121,25 @@ bool CommandRun::IsOver() const
     return command_.hasEnded && (!errors_ || errors_->hasEnded || errors_->stream.IsWhole());
 }
 
-int CommandRun::PatienceLeft() const
+int CommandRun::TimeLeft() const
 {
-    if (givesUpAt_ == 0)
+    long long at = givesUpAt_ != 0 ? givesUpAt_ : LLONG_MAX;
+    for (const Channel* const channel : {&command_, static_cast<const Channel*>(errors_.get())})
+        if (channel != nullptr && !channel->hasEnded && channel->stream.IsHolding())
+            at = std::min(at, channel->arrivedAt + HoldingTime);
+    if (at == LLONG_MAX)
         return -1;
-    return static_cast<int>(std::max(0LL, givesUpAt_ - Clock::SteadyMilliseconds()));
+    return static_cast<int>(std::max(0LL, at - Clock::SteadyMilliseconds()));
+}
+
+void CommandRun::ReleaseHeld(Channel& channel)
+{
+    if (channel.hasEnded || !channel.stream.IsHolding() ||
+        Clock::SteadyMilliseconds() < channel.arrivedAt + HoldingTime)
+        return;
+    passing_.clear();
+    channel.stream.Release(passing_);
+    PassOn(channel, passing_);
 }
 
 void CommandRun::Turn()
@@ -148,7 +166,7 @@ void CommandRun::Turn()
     if (errors_ && errors_->output.HasPending())
         polled[ErrorOutput] = {errors_->output.Descriptor(), POLLOUT, 0};
 
-    if (poll(polled.data(), polled.size(), PatienceLeft()) < 0)
+    if (poll(polled.data(), polled.size(), TimeLeft()) < 0)
         return;
     if (polled[Signal].revents != 0)
         EndBySignal(signals_->Take());
@@ -164,6 +182,9 @@ void CommandRun::Turn()
         input_->Send();
     if (polled[Input].revents != 0)
         input_->Read();
+    ReleaseHeld(command_);
+    if (errors_)
+        ReleaseHeld(*errors_);
     FollowCommand();
 }
 
@@ -174,6 +195,7 @@ void CommandRun::Receive(Channel& channel)
         return;
     if (count < 0)
         channel.failure = channel.connection.Broken(errno);
+    channel.arrivedAt = Clock::SteadyMilliseconds();
     passing_.clear();
     const bool isServer = channel.stream.Feed(
         std::string_view(block_.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))), passing_);
@@ -242,6 +264,9 @@ int CommandRun::ConcludeWhole()
     if (command_.end.code != code)
         return Report("the output's end says code " + std::to_string(code) + ", but " + name + " says " +
                       std::to_string(command_.end.code) + ": something disguises the command's end");
+    if (command_.stream.HasLeaked())
+        return Report(
+            "the output has a few bytes too many at its end: the network held up the rest of the end");
     if (errors_ && !errors_->stream.IsWhole())
         return Report("standard error was cut short (the command's code is " + std::to_string(code) +
                       "): its reader at " + name + " was ended");

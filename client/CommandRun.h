@@ -56,6 +56,8 @@ private:
         RunStream stream;
         OutputStream output;
         bool hasEnded = false;
+        /** When, on the steady clock in milliseconds, something last arrived. */
+        long long arrivedAt = 0;
         StreamEnd end{};
         /** Why it broke, if it did. */
         Failure failure{};
@@ -67,8 +69,9 @@ private:
     Failure Launch(Channel& channel, const std::string& line, long lifeTimeOut);
 
     bool IsOver() const;
-    /** Milliseconds until patience with an end that does not come is at its end, -1 for no limit. */
-    int PatienceLeft() const;
+    /** Milliseconds until something is to be done though nothing happens, -1 for never. */
+    int TimeLeft() const;
+    void ReleaseHeld(Channel& channel);
     void Turn();
     void Receive(Channel& channel);
     void PassOn(Channel& channel, std::string_view bytes);

@@ -19,6 +19,14 @@ public:
     /** At the end of the stream: appends what was held back and is output after all. */
     void Finish(std::string& output);
 
+    /** Whether something is held back that Release() would pass on. */
+    bool IsHolding() const { return !isFound_ && held_.size() > released_; }
+    /** Appends what is held back, for when nothing has followed it for a while. The mark is found all the
+     * same. */
+    void Release(std::string& output);
+    /** The mark has been found, but its beginning had been released. */
+    bool HasLeaked() const { return isFound_ && released_ > 0; }
+
     bool IsFound() const { return isFound_; }
     /** What the mark says, once it has been found. */
     int Number() const { return number_; }
@@ -26,8 +34,16 @@ public:
     std::string TakeRest();
 
 private:
+    /** Part: more may make it whole. What has been matched is taken off the front of `rest`. */
+    enum class Match { Different, Part, Whole };
+    Match MatchMark(std::string_view& rest);
+    /** The number and the newline. */
+    Match TakeNumber(std::string_view& rest);
+
     std::string lead_;
     std::string held_;
+    /** So many bytes of what is held have been passed on already. */
+    std::size_t released_ = 0;
     bool isFound_ = false;
     int number_ = 0;
 };

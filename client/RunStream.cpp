@@ -25,6 +25,15 @@ StreamEnd RunStream::Finish(std::string& output)
     return end;
 }
 
+void RunStream::Release(std::string& output)
+{
+    text_.clear();
+    filter_.Release(text_);
+    Sort(text_, output);
+    if (!awaitsReady_)
+        end_.Release(output);
+}
+
 void RunStream::Sort(std::string_view text, std::string& output)
 {
     if (awaitsReady_) {

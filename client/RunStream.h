@@ -22,6 +22,13 @@ public:
     /** The stream has ended: appends what was held back, and tells what the server said at the end. */
     StreamEnd Finish(std::string& output);
 
+    /** Something is held back that may be the beginning of an end, or of what follows in its own time. */
+    bool IsHolding() const { return filter_.IsHolding() || (!awaitsReady_ && end_.IsHolding()); }
+    /** Appends it: nothing has followed it for a while. */
+    void Release(std::string& output);
+    /** Some of an end was released as output, since its parts came too far apart. */
+    bool HasLeaked() const { return end_.HasLeaked(); }
+
     /** The server may be sent what is for the command. */
     bool IsPastBanner() const { return filter_.IsPastBanner(); }
     bool IsReady() const { return !awaitsReady_; }

@@ -181,7 +181,7 @@ StreamEnd StreamFilter::Finish(std::string& output)
         if (MatchEnd(held_) == Whole)
             end = ReadEnd(held_);
         else
-            output.append(held_);
+            PassOn(held_.size(), output);
     }
     held_.clear();
     return end;
@@ -207,7 +207,21 @@ void StreamFilter::TakeOpening()
 
 void StreamFilter::TakeOutput(std::string& output)
 {
-    const std::size_t end = FindEnd(held_);
-    output.append(held_, 0, end);
-    held_.erase(0, end);
+    PassOn(FindEnd(held_), output);
+}
+
+void StreamFilter::PassOn(std::size_t length, std::string& output)
+{
+    const std::size_t known = std::min(length, released_);
+    output.append(held_, known, length - known);
+    held_.erase(0, length);
+    released_ -= known;
+}
+
+void StreamFilter::Release(std::string& output)
+{
+    if (!IsHolding())
+        return;
+    output.append(held_, released_);
+    released_ = held_.size();
 }

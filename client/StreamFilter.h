@@ -39,6 +39,14 @@ public:
     bool Feed(std::string_view bytes, std::string& output);
     /** Appends what was held back and is output after all, and tells how the stream ended. Called once. */
     StreamEnd Finish(std::string& output);
+    /** Whether something is held back that Release() would pass on. */
+    bool IsHolding() const { return state_ != InBanner && state_ != Foreign && held_.size() > released_; }
+    /**
+     * Appends what is held back. For when nothing has followed it for a while: whoever speaks in turns may be
+     * waited for, while the rest of an end is on its way already. Should it be the end after all, that is
+     * still told.
+     */
+    void Release(std::string& output);
     /** The server has spoken: it may be sent more than the request. */
     bool IsPastBanner() const { return state_ == InOpening || state_ == InOutput; }
 
@@ -49,6 +57,10 @@ private:
     void TakeOpening();
     void TakeOutput(std::string& output);
 
+    void PassOn(std::size_t length, std::string& output);
+
     State state_ = InBanner;
     std::string held_;
+    /** So many bytes of what is held have been passed on already. */
+    std::size_t released_ = 0;
 };

@@ -141,6 +141,18 @@ TEST(Run, OutputCannotImitateItsEnd)
     EndWhatIsLeft(daemon);
 }
 
+TEST(Run, WhoeverTakesTurnsIsNotKeptWaiting)
+{
+    DaemonUnderTest daemon;
+    for (const char* const beginning : {"x-", "->Process", "x\\036"}) {
+        ControlProcess control(daemon.Port(),
+                               {"run", "-c", "printf -- '" + std::string(beginning) + "'; sleep 600"});
+        EXPECT_TRUE(WaitUntil([&] { return control.Output().size() >= 2; })) << beginning;
+        control.Signal(SIGTERM);
+        EXPECT_EQ(control.WaitForEnd(), -SIGTERM);
+    }
+}
+
 TEST(Run, TheServersEndsAreTold)
 {
     DaemonUnderTest daemon;

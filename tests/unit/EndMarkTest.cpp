@@ -49,6 +49,25 @@ TEST(EndMarkTest, IsFoundHoweverTheStreamIsCut)
             }
 }
 
+TEST(EndMarkTest, WhatWasReleasedIsNeitherRepeatedNorForgotten)
+{
+    EndMark mark(Lead);
+    std::string output;
+    mark.Feed("x\036ab", output);
+    ASSERT_TRUE(mark.IsHolding());
+    mark.Release(output);
+    EXPECT_EQ(output, "x\036ab");
+    mark.Feed("1", output);
+    mark.Feed("!" + Lead.substr(0, 2), output);
+    EXPECT_EQ(output, "x\036ab1!");
+    mark.Release(output);
+    mark.Feed(Lead.substr(2) + "5\n", output);
+    EXPECT_EQ(output, "x\036ab1!" + Lead.substr(0, 2));
+    EXPECT_TRUE(mark.IsFound());
+    EXPECT_TRUE(mark.HasLeaked());
+    EXPECT_EQ(mark.Number(), 5);
+}
+
 TEST(EndMarkTest, HoldsBackNothingButItsBeginning)
 {
     EndMark mark(Lead);
