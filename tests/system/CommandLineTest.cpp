@@ -11,7 +11,6 @@
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
-using testing::StartsWith;
 
 namespace
 {
@@ -93,14 +92,6 @@ TEST(CommandLine, UnknownArgumentsAreIgnored)
 {
     DaemonUnderTest daemon({.furtherArguments = {"-nosuch", "stray", "-Port", "1", "-retrytime"}});
     EXPECT_EQ(Ask(daemon, "hello"), BannerLine + std::string("->Error message not recognized\n"));
-}
-
-TEST(CommandLine, NoCheckAloneKeepsTheCheck)
-{
-    DaemonUnderTest daemon({.mode = {"-nocheck"}});
-    const std::string answer = Ask(daemon, Keyword("INFO"));
-    EXPECT_THAT(answer, StartsWith("->"));
-    EXPECT_THAT(answer, Not(HasSubstr("launched command(s)")));
 }
 
 TEST(CommandLine, ABusyPortIsTriedAsOftenAsAsked)

@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -190,56 +189,10 @@ TEST(Launch, OldClientsGetTheirLogInOneBufferUpToItsLimit)
                     "10240001") == Finished(whole + '\0', 2));
 }
 
-TEST(Launch, ACommandStartsAsIfFreshlyLoggedIn)
-{
-    DaemonUnderTest daemon;
-    // Others hold connections and logs meanwhile, which a command must not inherit.
-    Client silent = daemon.Connect();
-    Client other = daemon.Connect();
-    other.Send(Launch("SOCKET", "echo up; cat"));
-    other.ReadUntil("up\n");
-    const char* home = getenv("HOME");
-    const std::string expected = "0\n1\n2\n0022\n" + std::string(home) + "\n" + daemon.LogDirectory() +
-                                 "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nleader\n";
-    const std::string command = "ls /proc/$$/fd; umask; pwd; "
-                                "echo $RUVELSERVER_TMP; grep -e SigBlk -e SigIgn /proc/self/status; "
-                                "read -r _ _ _ _ group leader _ </proc/$$/stat; "
-                                "[ $group = $$ ] && [ $leader = $$ ] && echo leader";
-    for (const char* mode : {"SOCKET", "NOSOCKET"})
-        EXPECT_EQ(Ask(daemon, Launch(mode, command)), Finished(expected, 0));
-    // Without a client's socket there is nothing to read.
-    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "readlink /proc/self/fd/0; cat")), Finished("/dev/null\n", 0));
-    other.HalfClose();
-    EXPECT_EQ(other.ReadToEnd(), ReturnLine(0));
-}
-
 TEST(Launch, TheLongestCommandThatAShellCanGetRuns)
 {
     DaemonUnderTest daemon;
     const std::string start = "echo long; : ";
     EXPECT_EQ(Ask(daemon, Launch("SOCKET", start + std::string(131071 - start.size(), 'x')) + "\n"),
               Finished("long\n", 0));
-}
-
-TEST(Launch, ManyAtOnceWithClientsThatVanishLeaveNothing)
-{
-    DaemonUnderTest daemon;
-    const size_t descriptors = CountDescriptorsOf(daemon.Process().Id());
-    std::vector<std::unique_ptr<Client>> clients;
-    for (int i = 0; i < 40; ++i) {
-        clients.push_back(std::make_unique<Client>(daemon.Port(), daemon.Conversation()));
-        clients.back()->Send(Launch(i % 2 ? "SOCKET" : "NOSOCKET", "seq 1 20000; exit " + std::to_string(i)));
-        if (i % 5 == 4)
-            clients.back()->Reset();
-    }
-    for (int i = 0; i < 40; ++i) {
-        if (i % 5 != 4) {
-            EXPECT_EQ(clients[static_cast<size_t>(i)]->ReadToEnd(), Finished(NumbersUpTo(20000), i));
-        }
-    }
-    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
-    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(daemon.Process().Id()) == descriptors; }));
-    EXPECT_TRUE(FindZombiesOf(daemon.Process().Id()).empty());
-    EXPECT_EQ(CountSystemVObjectsOf(daemon.Process().Id()), 0u);
-    EXPECT_TRUE(WaitUntil([&] { return daemon.LogFiles().empty(); }));
 }

@@ -92,19 +92,6 @@ TEST(Shutdown, ALogOnItsWayIsDeliveredToItsEnd)
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
 }
 
-TEST(Shutdown, ACommandThatHasEndedIsReportedAsEver)
-{
-    DaemonUnderTest daemon;
-    // The request to stop comes while the command's end may not have been seen yet.
-    Client last = daemon.Connect();
-    last.Send(Launch("SOCKET", "kill -TERM " + std::to_string(daemon.Process().Id()) + "; exit 3"));
-    const std::string answer = last.ReadToEnd();
-    EXPECT_TRUE(answer == Finished("", 3) || answer == BannerLine + Shutdown + "3\n" ||
-                answer == BannerLine + Shutdown + "143\n")
-        << answer;
-    EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
-}
-
 TEST(Shutdown, NobodyIsServedAfterIt)
 {
     DaemonUnderTest daemon;

@@ -1,27 +1,9 @@
 #include "tests/system/TestAccount.h"
 
-#include <optional>
-
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "tests/system/DaemonUnderTest.h"
-
-TEST(TestAccount, IsAnAccountUntilItGoes)
-{
-    std::optional<TestAccount> account(std::in_place, std::vector<std::string>{"users", "games"});
-    const std::string name = account->Name();
-    const passwd* entry = getpwnam(name.c_str());
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->pw_uid, account->UserId());
-    EXPECT_EQ(access(account->Home().c_str(), F_OK), 0);
-    const std::string home = account->Home();
-    account.reset();
-    EXPECT_EQ(getpwnam(name.c_str()), nullptr);
-    EXPECT_NE(access(home.c_str(), F_OK), 0);
-}
 
 TEST(TestAccount, GoesAfterItsTestHasDied)
 {
@@ -40,12 +22,4 @@ TEST(TestAccount, GoesAfterItsTestHasDied)
     EXPECT_EQ(waitpid(dying, nullptr, 0), dying);
     TestAccount::RemoveAbandoned();
     EXPECT_EQ(getpwnam(name), nullptr) << name;
-}
-
-TEST(TestAccount, CanRunADaemonOfItsOwn)
-{
-    const TestAccount account;
-    DaemonUnderTest daemon({.user = account.Name()});
-    EXPECT_EQ(Ask(daemon, Join({Newest, account.Name(), "", "id -un; pwd", "SOCKET", "NOWINDOW"})),
-              Finished(account.Name() + "\n" + account.Home() + "\n", 0));
 }
