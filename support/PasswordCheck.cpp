@@ -1,19 +1,28 @@
 #include "support/PasswordCheck.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+#include <new>
 #include <string>
 
 #include <dlfcn.h>
 #include <security/pam_appl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 
 namespace
 {
 constexpr const char* Service = "ruvelserver"; // the policy "other" serves where none of this name stands
 constexpr std::size_t LongestUser = 255;
-constexpr long long CheapCheckMicroseconds = 3000; // of processor time: no real hash is computed in less
+constexpr long CheapCheckMicroseconds = 3000; // of processor time: no real hash is computed in less
+
+/** The usual processor time of a check that computed a hash, in microseconds; 0 until there was one. In
+ * memory that all workers share, once it has been made. */
+std::atomic<long> ownExperience{0};
+std::atomic<long>* experience = &ownExperience;
+static_assert(std::atomic<long>::is_always_lock_free);
 constexpr std::size_t LongestPassword = PAM_MAX_RESP_SIZE - 1;
 
 /** A C string of its own for the service; wiped when it goes. */
@@ -74,32 +83,84 @@ int Converse(int count, const pam_message** questions, pam_response** answersOut
     return PAM_SUCCESS;
 }
 
-long long ReadUsedMicroseconds()
+/** Of this process and of the helpers that it has waited for. */
+long ReadUsedMicroseconds()
 {
-    timespec used{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<long long>(used.tv_sec) * 1000000 + used.tv_nsec / 1000;
+    long total = 0;
+    for (const int whose : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage used{};
+        getrusage(whose, &used);
+        total += (used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1000000L + used.ru_utime.tv_usec +
+                 used.ru_stime.tv_usec;
+    }
+    return total;
 }
 
-/**
- * The service computes a hash for an account that has one, and none for a user that does not exist or is
- * locked: many checks at a time would take visibly longer for the former. So this computes one for the
- * others, with the library that the service itself uses, and if that is not there does nothing.
- */
-void SpendTimeOfAHash(const Secret& password)
+/** The library with which the service itself computes hashes; does nothing where that is not there. */
+class HashLibrary
 {
-    void* const library = dlopen("libcrypt.so.1", RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr)
-        return;
+public:
+    HashLibrary() : library_(dlopen("libcrypt.so.1", RTLD_NOW | RTLD_LOCAL))
+    {
+        if (library_ == nullptr)
+            return;
+        makeSetting_ = reinterpret_cast<MakeSetting>(dlsym(library_, "crypt_gensalt"));
+        hash_ = reinterpret_cast<Hash>(dlsym(library_, "crypt"));
+    }
+    HashLibrary(const HashLibrary&) = delete;
+    HashLibrary& operator=(const HashLibrary&) = delete;
+    ~HashLibrary()
+    {
+        if (library_ != nullptr)
+            dlclose(library_);
+    }
+
+    /** One hash, all defaults, as the system makes it for a new password: its time, or 0. */
+    long SpendTimeOfOne(const Secret& password) const
+    {
+        const long start = ReadUsedMicroseconds();
+        const char* const setting = makeSetting_ == nullptr ? nullptr : makeSetting_(nullptr, 0, nullptr, 0);
+        if (hash_ == nullptr || setting == nullptr)
+            return 0;
+        hash_(password.Text(), setting);
+        return ReadUsedMicroseconds() - start;
+    }
+
+private:
     using MakeSetting = char* (*)(const char*, unsigned long, const char*, int);
     using Hash = char* (*)(const char*, const char*);
-    const auto makeSetting = reinterpret_cast<MakeSetting>(dlsym(library, "crypt_gensalt"));
-    const auto hash = reinterpret_cast<Hash>(dlsym(library, "crypt"));
-    // All defaults: as the system does for a new password.
-    const char* const setting = makeSetting == nullptr ? nullptr : makeSetting(nullptr, 0, nullptr, 0);
-    if (hash != nullptr && setting != nullptr)
-        hash(password.Text(), setting);
-    dlclose(library);
+
+    void* library_;
+    MakeSetting makeSetting_ = nullptr;
+    Hash hash_ = nullptr;
+};
+
+/**
+ * The service computes hashes for an account that has one, some releases two of them, and none for a user
+ * that does not exist or is locked: many checks at a time would take visibly longer for the former. So this
+ * computes as many for the others, by what the checks before have taken.
+ */
+void SpendTimeOfACheck(const Secret& password, long used)
+{
+    constexpr long usualNumber = 2; // where there is no experience
+    const HashLibrary library;
+    const long one = library.SpendTimeOfOne(password);
+    if (one == 0)
+        return;
+    const long usual = experience->load();
+    const long whole = usual == 0 ? usualNumber * one : usual;
+    for (long spent = used + one; whole - spent > one / 2; spent += one)
+        library.SpendTimeOfOne(password);
+}
+
+/** A check has computed a hash: what it took, or, for one that did not, what the others do. */
+void EvenOut(const Secret& password, long used, bool accepted)
+{
+    constexpr long weight = 8; // of what was known against one check
+    if (used < CheapCheckMicroseconds && !accepted)
+        return SpendTimeOfACheck(password, used);
+    const long usual = experience->load();
+    experience->store(usual == 0 ? used : (usual * (weight - 1) + used) / weight);
 }
 
 /** In place of the service's own wait of some seconds. */
@@ -123,6 +184,16 @@ bool IsMalformed(std::string_view user, std::string_view password)
 }
 } // namespace
 
+void PasswordCheck::ShareExperience()
+{
+    if (experience != &ownExperience)
+        return;
+    void* const shared =
+        mmap(nullptr, sizeof(*experience), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared != MAP_FAILED)
+        experience = new (shared) std::atomic<long>{0};
+}
+
 bool PasswordCheck::IsAccepted(std::string_view user, std::string_view password)
 {
     if (IsMalformed(user, password))
@@ -131,15 +202,14 @@ bool PasswordCheck::IsAccepted(std::string_view user, std::string_view password)
     Secret secret(password);
     const pam_conv conversation{Converse, &secret};
     pam_handle_t* handle = nullptr;
-    const long long start = ReadUsedMicroseconds();
+    const long start = ReadUsedMicroseconds();
     int result = pam_start(Service, name.c_str(), &conversation, &handle);
     if (result != PAM_SUCCESS)
         return false;
     result = pam_set_item(handle, PAM_FAIL_DELAY, reinterpret_cast<const void*>(DoNotDelay));
     if (result == PAM_SUCCESS)
         result = pam_authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-    if (result != PAM_SUCCESS && ReadUsedMicroseconds() - start < CheapCheckMicroseconds)
-        SpendTimeOfAHash(secret);
+    EvenOut(secret, ReadUsedMicroseconds() - start, result == PAM_SUCCESS);
     if (result == PAM_SUCCESS)
         result = pam_acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
     const bool accepted = result == PAM_SUCCESS && IsStill(handle, name) && !password.empty();
