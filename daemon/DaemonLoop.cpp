@@ -130,6 +130,7 @@ void RuvelServer::WaitForActivity()
 long long RuvelServer::NextDeadline() const
 {
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
+    next = Deadline::Earlier(next, checks_.NextDeadline());
     next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));
     for (const auto& [connection, ending] : endings_)
         next = Deadline::Earlier(next, ending->NextDeadline());

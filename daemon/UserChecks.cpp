@@ -1,6 +1,11 @@
 #include "daemon/UserChecks.h"
 
+#include <algorithm>
+
 #include "support/Clock.h"
+#include "support/PasswordCheck.h"
+
+#include <unistd.h>
 
 namespace
 {
@@ -25,7 +30,17 @@ void GiveVerdict(WaitingClient& client, Verdict verdict)
         verdict == Verdict::Good ? Deadline::Never : client.completedAt + UserChecks::RefusalDelay;
 }
 
+in_addr_t AddressOf(const WaitingClient* client)
+{
+    return client->connection.GetPeerAddress().sin_addr.s_addr;
+}
+
 } // namespace
+
+UserChecks::UserChecks() : processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
+{
+    PasswordCheck::ShareExperience();
+}
 
 void UserChecks::Enqueue(WaitingClient& client)
 {
@@ -48,9 +63,9 @@ void UserChecks::CollectVerdicts()
 
 void UserChecks::StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& socketsToClose)
 {
-    while (!waiting_.empty() && running_.size() < MostAtOnce) {
-        WaitingClient* client = waiting_.front();
-        waiting_.pop_front();
+    while (!waiting_.empty() && HasRoom()) {
+        WaitingClient* client = TakeNext();
+        lastStart_ = Clock::SteadyMilliseconds();
         QORListPtrBaseSocket sockets(0);
         socketsToClose(sockets);
         if (client->connection.StartThreadOrProcess(sockets) == 0)
@@ -59,6 +74,42 @@ void UserChecks::StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& 
             GiveVerdict(*client, Verdict::Unchecked);
         client->connection.WipeCredentials();
     }
+}
+
+bool UserChecks::HasRoom() const
+{
+    if (running_.size() >= MostAtOnce)
+        return false;
+    return running_.size() < processors_ || Clock::SteadyMilliseconds() - lastStart_ >= ComputingTime;
+}
+
+WaitingClient* UserChecks::TakeNext()
+{
+    const bool firstComes = ++startCount_ % TurnOfTheFirst == 0;
+    const auto runningOf = [this](const WaitingClient* client) {
+        return std::count_if(running_.begin(), running_.end(), [&](const WaitingClient* running) {
+            return AddressOf(running) == AddressOf(client);
+        });
+    };
+    auto next = waiting_.begin();
+    auto fewest = runningOf(*next);
+    for (auto client = std::next(next); client != waiting_.end(); ++client) {
+        const auto count = runningOf(*client);
+        if (count < fewest || (count == fewest && !firstComes)) {
+            next = client;
+            fewest = count;
+        }
+    }
+    WaitingClient* const chosen = *next;
+    waiting_.erase(next);
+    return chosen;
+}
+
+long long UserChecks::NextDeadline() const
+{
+    if (waiting_.empty() || running_.size() >= MostAtOnce)
+        return Deadline::Never;
+    return lastStart_ + ComputingTime;
 }
 
 void UserChecks::EndAll()

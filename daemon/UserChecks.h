@@ -9,19 +9,30 @@
 
 /**
  * The password checks of the clients that wait for one. The password system blocks for as long as it likes,
- * so each check is a worker of its client's RequestConnection; at most MostAtOnce run, the others wait in
- * order. A refusal is held back until RefusalDelay after its request was complete: a deadline and not a
- * process, and the same whether the user exists or not.
+ * so each check is a worker of its client's RequestConnection; at most MostAtOnce run, the others wait. A
+ * refusal is held back until RefusalDelay after its request was complete: a deadline and not a process, and
+ * the same whether the user exists or not.
+ *
+ * Nobody can tell a right password from a wrong one before it is checked, and a check computes for tens of
+ * milliseconds. So that a crowd of wrong ones does not hold up who comes after it, the next check is for the
+ * address with the fewest running, and of an address' clients it is for the one that came last; every
+ * TurnOfTheFirst-th is for the one that came first, so that nobody waits for ever.
  *
  * Owned by the server, used in its loop; never waits. A client in state checking is known here and stays
- * where it is until it is told its verdict or ForgetAll() is called.
+ * where it is until it is told its verdict or EndAll() is called.
  */
 class UserChecks
 {
 public:
-    static constexpr int MostAtOnce = 8;
+    static constexpr std::size_t MostAtOnce = 8;
+    static constexpr unsigned TurnOfTheFirst = 4;
+    /** More checks than processors make each other late while they compute. One that has run for so many
+     * milliseconds is taken to wait for something else, and leaves its processor to another. */
+    static constexpr long long ComputingTime = 100;
     /** Milliseconds from a complete request to the refusal of its user. */
     static constexpr long long RefusalDelay = 2000;
+
+    UserChecks();
 
     /** Puts the client in state checking; its password is wiped from the request. */
     void Enqueue(WaitingClient& client);
@@ -29,10 +40,18 @@ public:
     void CollectVerdicts();
     /** Starts what may run. `socketsToClose` makes the list for a worker about to be forked. */
     void StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& socketsToClose);
+    /** When StartWaiting() may have something to start though nothing has happened. */
+    long long NextDeadline() const;
     /** Ends the checks that run and forgets the clients: the daemon stops. */
     void EndAll();
 
 private:
-    std::deque<WaitingClient*> waiting_;
+    bool HasRoom() const;
+    WaitingClient* TakeNext();
+
+    std::size_t processors_;
+    std::deque<WaitingClient*> waiting_; // in the order of arrival
     std::vector<WaitingClient*> running_;
+    long long lastStart_ = 0;
+    unsigned startCount_ = 0;
 };

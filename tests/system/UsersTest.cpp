@@ -144,6 +144,23 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
     EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo still here")), Finished("still here\n", 0));
 }
 
+TEST(Users, WrongPasswordsInFlightHoldUpNobody)
+{
+    constexpr int Crowd = 200; // checking all of them takes longer than they are held back
+    const TestAccount account;
+    DaemonUnderTest daemon({.mode = {}});
+    std::vector<Client> wrong;
+    for (int i = 0; i < Crowd; ++i)
+        wrong.push_back(daemon.Connect());
+    for (Client& client : wrong)
+        client.Send(LaunchAs({account.Name(), "wrong"}));
+    EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo in")), Finished("in\n", 0));
+    // On a machine that is busy with other tests the first of them may have their answers.
+    EXPECT_LT(std::count_if(wrong.begin(), wrong.end(), std::mem_fn(&Client::HasArrived)), Crowd / 2);
+    for (Client& client : wrong)
+        EXPECT_EQ(client.ReadToEnd(), RefusedLaunch);
+}
+
 TEST(Users, AnOrdinaryUsersDaemonKnowsItsOwnUsersPasswordOnly)
 {
     const TestAccount owner;
