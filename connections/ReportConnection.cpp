@@ -4,8 +4,11 @@
 #include "reports/SystemInfo.h"
 #include "support/BaseString.h"
 
+#include <unistd.h>
+
 int ReportConnection::ThreadOrProcessRoutine()
 {
+    alarm(static_cast<unsigned>(limitSeconds_));
     QORListValQORUnicodeString lines;
     SystemInfo().PrintSystemInfo(lines);
     FileSystem fileSystems;

@@ -6,12 +6,18 @@
  * The answer to a request for everything: the listing, which the daemon has made, followed by the reports on
  * the machine. A worker gathers them, because the statistics of a hung mount may take for ever, and writes
  * the whole answer. Owned by the server until the worker has ended. It has no status board.
+ *
+ * There can only be so many, so that the worker is ended by an alarm when its time is over: neither a hung
+ * mount nor a client that takes nothing may hold a place for good.
  */
 class ReportConnection : public ThreadOrProcessConnection
 {
 public:
-    explicit ReportConnection(QORUnicodeString listing)
-        : ThreadOrProcessConnection(BoardUse::WithoutBoard), listing_(std::move(listing))
+    /** `limitSeconds`: what the worker may take in all. */
+    ReportConnection(QORUnicodeString listing, const int& limitSeconds)
+        : ThreadOrProcessConnection(BoardUse::WithoutBoard),
+          listing_(std::move(listing)),
+          limitSeconds_(limitSeconds)
     {
     }
 
@@ -20,4 +26,5 @@ public:
 
 private:
     QORUnicodeString listing_;
+    int limitSeconds_;
 };

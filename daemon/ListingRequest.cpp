@@ -53,7 +53,7 @@ void RuvelServer::ServeInfo(WaitingClient& client)
 /** The listing, then what a worker finds out about the machine: statistics of a hung mount take for ever. */
 void RuvelServer::ServeAllInfo(WaitingClient& client)
 {
-    auto report = std::make_unique<ReportConnection>(QORUnicodeString(ListActiveWork()));
+    auto report = std::make_unique<ReportConnection>(QORUnicodeString(ListActiveWork()), readTimeOut_);
     TakeSocket(client, *report);
     QORListPtrBaseSocket sockets(0);
     GetListOfSocketToClose(sockets);

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "connections/WorkerStatus.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 
@@ -80,6 +81,8 @@ void RuvelServer::CheckReports()
         int status = 0;
         if (!report->CheckThreadOrProcess(status))
             return false;
+        if (status == WorkerStatus::Signalled)
+            BaseString::PutTrace("Error system report not delivered in time : dropped", 1);
         Dismiss(*report);
         return true;
     });

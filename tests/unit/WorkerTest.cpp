@@ -2,6 +2,7 @@
 #include <functional>
 #include <string>
 
+#include "connections/ReportConnection.h"
 #include "connections/ThreadOrProcessConnection.h"
 #include "connections/WorkerStatus.h"
 #include "support/Clock.h"
@@ -234,3 +235,14 @@ TEST_F(Worker, HoldsOnlyItsOwnClient)
     }
 }
 } // namespace
+
+TEST_F(Worker, OfAReportEndsWhenNobodyTakesIt)
+{
+    loopback::Pair pair;
+    // More than the buffers between the two can hold.
+    ReportConnection report(QORUnicodeString(std::string(50'000'000, 'x')), 1);
+    report.GetSocket() = pair.server;
+    pair.server.Reset();
+    ASSERT_EQ(report.StartThreadOrProcess(noSockets_), 0);
+    EXPECT_EQ(CheckUntilEnd(report), WorkerStatus::Signalled);
+}
