@@ -97,8 +97,7 @@ Failure ServerConnection::FindOwnAddress(std::string& address) const
     socklen_t length = sizeof own;
     std::array<char, INET_ADDRSTRLEN> text;
     if (getsockname(Descriptor(), reinterpret_cast<sockaddr*>(&own), &length) != 0 ||
-        own.sin_family != AF_INET ||
-        inet_ntop(AF_INET, &own.sin_addr, text.data(), text.size()) == nullptr)
+        own.sin_family != AF_INET || inet_ntop(AF_INET, &own.sin_addr, text.data(), text.size()) == nullptr)
         return {"the server cannot be told the address of this machine: a proxy hides it"};
     address = text.data();
     return {};
