@@ -1,5 +1,6 @@
 #include "connections/ThreadOrProcessConnection.h"
 
+#include <cerrno>
 #include <cstdio>
 
 #include "connections/WorkerStatus.h"
@@ -7,6 +8,7 @@
 #include "support/BaseString.h"
 #include "support/ProcessSetup.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -82,6 +84,32 @@ void ThreadOrProcessConnection::ResetThreadOrProcess()
     worker_ = ChildId();
 }
 
+int ThreadOrProcessConnection::HandSocketToWorker(QORListPtrBaseSocket& socketsToClose)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return 1;
+    release_[0] = FileDescriptor(ends[0]);
+    release_[1] = FileDescriptor(ends[1]);
+    const int result = StartThreadOrProcess(socketsToClose);
+    if (result == 0)
+        GetSocket().CloseBaseSocket();
+    for (FileDescriptor& end : release_)
+        end = FileDescriptor();
+    return result;
+}
+
+/** In the worker: until the daemon has let go of what it hands over. */
+void ThreadOrProcessConnection::WaitUntilReleased()
+{
+    if (!release_[0].IsOpen())
+        return;
+    release_[1] = FileDescriptor();
+    char nothing;
+    while (read(release_[0].Number(), &nothing, 1) < 0 && errno == EINTR)
+        ;
+}
+
 int ThreadOrProcessConnection::_InitThreadOrProcess(ChildId& worker,
                                                     int (ThreadOrProcessConnection::*routine)(),
                                                     QORListPtrBaseSocket* socketsToClose)
@@ -119,6 +147,7 @@ void ThreadOrProcessConnection::RunInWorker(int (ThreadOrProcessConnection::*rou
     ProcessSetup::RestoreInChild(false);
     setpgid(0, 0);
     ChildTable::Clear();
+    WaitUntilReleased();
     CloseDescriptors(GetSocket().GetBaseSocketNumber(), socketsToClose);
     if (routine == nullptr)
         _exit(ExitWithoutRoutine);

@@ -5,6 +5,7 @@
 #include "connections/Connection.h"
 #include "connections/WriterReader.h"
 #include "support/ChildTable.h"
+#include "support/FileDescriptor.h"
 #include "support/QORLists.h"
 
 /**
@@ -51,6 +52,11 @@ protected:
 
     explicit ThreadOrProcessConnection(BoardUse use = BoardUse::WithBoard) : boardUse_(use) {}
 
+    /**
+     * Starts a worker and closes the socket here, both before the worker does anything: so that the worker's
+     * close is the last. 0; or 1 and the socket is still open.
+     */
+    int HandSocketToWorker(QORListPtrBaseSocket& socketsToClose);
     int _InitThreadOrProcess(ChildId& worker, int (ThreadOrProcessConnection::*routine)(),
                              QORListPtrBaseSocket* socketsToClose);
     int _CheckThreadOrProcess(ChildId& worker, int& status);
@@ -63,6 +69,7 @@ protected:
 
 private:
     void MakeStatusBoard();
+    void WaitUntilReleased();
     [[noreturn]] void RunInWorker(int (ThreadOrProcessConnection::*routine)(),
                                   QORListPtrBaseSocket* socketsToClose, long daemonProcessId);
 
@@ -70,4 +77,6 @@ private:
     std::unique_ptr<WriterReader> statusBoard_;
     BoardUse boardUse_;
     int lastStatus_ = 0;
+    /** Both ends of a pipe while a socket is being handed over: the worker waits for its end. */
+    FileDescriptor release_[2];
 };

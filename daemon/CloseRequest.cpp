@@ -64,8 +64,12 @@ void RuvelServer::AdvanceShutdown()
         if (closer_ != nullptr)
             Dismiss(*closer_);
     }
-    if (stop_ == Stop::TakingLeave && (leaving_.IsEmpty() || Deadline::IsPast(stopDeadline_, now)))
+    const bool nobodyLeaves = leaving_.IsEmpty() && farewells_.empty();
+    if (stop_ == Stop::TakingLeave && (nobodyLeaves || Deadline::IsPast(stopDeadline_, now))) {
+        for (const auto& farewell : farewells_)
+            farewell->TerminateThreadOrProcess(1);
         stop_ = Stop::Done;
+    }
 }
 
 bool RuvelServer::IsWorkEnded() const

@@ -59,6 +59,7 @@ void RuvelServer::ServeOneTurn()
     CheckForLaunchedCommand(); // before the life times: what has ended by itself did not expire
     CheckConnectionLife();
     AdvanceEndings();
+    StartFarewells();  // after all that may have ended a command
     AdvanceShutdown(); // last: it looks at what the steps before have left
 }
 
@@ -131,6 +132,7 @@ long long RuvelServer::NextDeadline() const
 {
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
     next = Deadline::Earlier(next, checks_.NextDeadline());
+    next = Deadline::Earlier(next, startFarewellsAt_);
     next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));
     for (const auto& [connection, ending] : endings_)
         next = Deadline::Earlier(next, ending->NextDeadline());

@@ -88,8 +88,10 @@ void RuvelServer::TellEndedCommand(BaseConnection& command, const EndingDemand& 
     std::string message = demand.text + demand.codeText + "\n";
     if (!command.IsSocketMode() && demand.cause != EndingCause::KillRequest)
         message.insert(0, protocol::BannerLine);
-    if (command.IsSocketMode() || !command.IsPassive()) {
-        WriteToBaseConnectionSocket(&command, QORUnicodeString(message), command.IsSocketMode());
+    if (command.IsSocketMode()) {
+        BidFarewell(command, QORUnicodeString(message));
+    } else if (!command.IsPassive()) {
+        WriteToBaseConnectionSocket(&command, QORUnicodeString(message), 0);
         Dismiss(command);
     } else {
         auto log = std::make_unique<LogConnection>(command, code);

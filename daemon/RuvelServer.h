@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "connections/BaseConnection.h"
+#include "connections/FarewellConnection.h"
 #include "connections/LogConnection.h"
 #include "connections/ReportConnection.h"
 #include "connections/TransferConnection.h"
@@ -168,6 +169,9 @@ private:
     void CheckReports();
     std::unique_ptr<BaseConnection> TakeCommand(BaseConnection* command);
     void ReportCommand(BaseConnection& command, int code);
+    void CheckFarewells();
+    void BidFarewell(BaseConnection& command, const QORUnicodeString& words);
+    void StartFarewells();
     void NoteLifeTime(const Connection& connection);
     void ExpireTransfers(long now);
     void ExpireCommands(long now);
@@ -209,6 +213,10 @@ private:
     std::deque<long> ends_;
     /** Workers that answer ALLINFO. */
     std::vector<std::unique_ptr<ReportConnection>> reports_;
+    /** Clients on their way out whose sockets other users have shared. */
+    std::vector<std::unique_ptr<FarewellConnection>> farewells_;
+    /** When those that have no worker yet are tried again. */
+    long long startFarewellsAt_ = Deadline::Never;
     int connectionCount_ = 0;
     QORListValQORUnicodeString acceptedVersions_;
 

@@ -5,12 +5,15 @@
 #include "connections/WorkerStatus.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
+#include "support/Clock.h"
 
 namespace
 {
 
 /** The argument of DeleteOutputFile, which means nothing to it. */
 constexpr int DeletionLimit = 30;
+/** Milliseconds until a worker that could not be had is tried for again. */
+constexpr long long FarewellPause = 100;
 
 } // namespace
 
@@ -23,6 +26,7 @@ void RuvelServer::CheckForLaunchedCommand()
     CheckTransfers();
     CheckCommands();
     CheckReports();
+    CheckFarewells();
 }
 
 void RuvelServer::CheckLogs()
@@ -91,10 +95,8 @@ void RuvelServer::CheckReports()
 /** The client on the command's socket gets the return line; every other gets the log, by a worker. */
 void RuvelServer::ReportCommand(BaseConnection& command, int code)
 {
-    if (command.IsSocketMode()) {
-        WriteToBaseConnectionSocket(&command, QORUnicodeString(protocol::ReturnCodeLine(code)), 1);
-        return Dismiss(command);
-    }
+    if (command.IsSocketMode())
+        return BidFarewell(command, QORUnicodeString(protocol::ReturnCodeLine(code)));
     auto log = std::make_unique<LogConnection>(command, code);
     if (!command.IsPassive()) {
         log->GetSocket() = command.GetSocket();
@@ -113,6 +115,44 @@ void RuvelServer::ReportCommand(BaseConnection& command, int code)
                                                          .append(protocol::ReturnCodeLine(code))),
                                     0);
     Dismiss(*log);
+}
+
+/** The last words to a client that has been attached to a command. */
+void RuvelServer::BidFarewell(BaseConnection& command, const QORUnicodeString& words)
+{
+    // A command of the daemon's own user could end the daemon as well as hold it up.
+    if (singleUser_) {
+        WriteToBaseConnectionSocket(&command, words, 1);
+        return Dismiss(command);
+    }
+    farewells_.push_back(std::make_unique<FarewellConnection>(command, words, readTimeOut_));
+    if (startFarewellsAt_ == Deadline::Never)
+        startFarewellsAt_ = Clock::SteadyMilliseconds();
+}
+
+/** Those without a worker get one; where none can be had, again after a pause. */
+void RuvelServer::StartFarewells()
+{
+    const long long now = Clock::SteadyMilliseconds();
+    if (!Deadline::IsPast(startFarewellsAt_, now))
+        return;
+    startFarewellsAt_ = Deadline::Never;
+    for (const auto& farewell : farewells_) {
+        QORListPtrBaseSocket sockets(0);
+        GetListOfSocketToClose(sockets);
+        if (farewell->IsHandedOver() || farewell->HandOver(sockets) == 0)
+            continue;
+        startFarewellsAt_ = now + FarewellPause;
+        return;
+    }
+}
+
+void RuvelServer::CheckFarewells()
+{
+    std::erase_if(farewells_, [](const std::unique_ptr<FarewellConnection>& farewell) {
+        int status = 0;
+        return farewell->IsHandedOver() && farewell->CheckThreadOrProcess(status);
+    });
 }
 
 void RuvelServer::NoteLifeTime(const Connection& connection)
@@ -178,6 +218,9 @@ void RuvelServer::GetListOfSocketToClose(QORListPtrBaseSocket& sockets)
     AppendOpenSockets(commands_, sockets);
     for (const auto& report : reports_)
         sockets.Append(&report->GetSocket());
+    for (const auto& farewell : farewells_)
+        if (!farewell->IsHandedOver())
+            sockets.Append(&farewell->GetSocket());
     waiting_.AppendSocketsTo(sockets);
     leaving_.AppendSocketsTo(sockets);
     if (closer_ != nullptr)

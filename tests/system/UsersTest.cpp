@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tests/system/Inheritance.h"
+#include "tests/system/SystemFacts.h"
 #include "tests/system/TestAccount.h"
 #include "tests/system/TransferClient.h"
 
@@ -159,6 +160,25 @@ TEST(Users, WrongPasswordsInFlightHoldUpNobody)
     EXPECT_LT(std::count_if(wrong.begin(), wrong.end(), std::mem_fn(&Client::HasArrived)), Crowd / 2);
     for (Client& client : wrong)
         EXPECT_EQ(client.ReadToEnd(), RefusedLaunch);
+}
+
+TEST(Users, AnAttachedCommandCannotHoldUpTheDaemon)
+{
+    const TestAccount account;
+    DaemonUnderTest daemon({.mode = {}});
+    // The command asks for its socket's close to wait (SO_LINGER) until a client has taken everything that
+    // takes nothing.
+    Client hostile = daemon.Connect(4096);
+    hostile.Send(LaunchAs(Right(account),
+                          "exec perl -e 'setsockopt(STDIN, 1, 13, pack(q(ii), 1, 1000)) or die; "
+                          "syswrite(STDOUT, q(x) x 60000); exit 3'"));
+    EXPECT_EQ(hostile.ReadExactly(std::string(BannerLine).size()), BannerLine);
+    hostile.HalfClose();
+    EXPECT_EQ(hostile.ReadExactly(1), "x");
+    EXPECT_TRUE(WaitUntil([&] { return FindProcessesWith("HOME=" + account.Home()).empty(); }));
+    for (int turn = 0; turn < 10; ++turn)
+        EXPECT_THAT(Ask(daemon, "hello"), HasSubstr("not recognized"));
+    EXPECT_EQ(hostile.ReadToEnd(), std::string(59999, 'x') + ReturnLine(3));
 }
 
 TEST(Users, AnOrdinaryUsersDaemonKnowsItsOwnUsersPasswordOnly)
