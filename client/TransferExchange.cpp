@@ -166,7 +166,8 @@ Failure TransferExchange::ReceiveAnswer(TransferAnswer& answer)
         if (Failure failure = control_.Receive(arrived_, isAtEnd_))
             return failure;
     }
-    arrived_.clear();
+    // A short transfer into a connection of the server's own may be over by now: its end came along.
+    arrived_.erase(0, arrived_.find(protocol::ReturnCodeLead));
     return {};
 }
 
