@@ -8,6 +8,7 @@
 
 #include "support/BaseString.h"
 #include "support/Clock.h"
+#include "support/CommandEnvironment.h"
 #include "support/ProcessSetup.h"
 #include "support/ServiceManager.h"
 
@@ -73,6 +74,8 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
     waiting_.SetDescriptorLimit(sysconf(_SC_OPEN_MAX));
     if (!noPasswordCheck_)
         ProcessSetup::KeepMemoryPrivate();
+    if (singleUser_)
+        CommandEnvironment::CompleteOwn();
     environmentEntry_ = "RUVELSERVER_TMP=";
     environmentEntry_.Append(logDirectory_);
     putenv(const_cast<char*>(environmentEntry_.ConvertToChar()));

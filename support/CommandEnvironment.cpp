@@ -1,6 +1,7 @@
 #include "support/CommandEnvironment.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 #include <unistd.h>
@@ -18,6 +19,14 @@ bool IsPassedToUsers(std::string_view entry)
     return std::any_of(std::begin(PassedToUsers), std::end(PassedToUsers),
                        [&](std::string_view beginning) { return entry.starts_with(beginning); });
 }
+
+/** What a login of the account has. */
+std::vector<std::string> LoginEntries(const Account& account)
+{
+    return {"HOME=" + account.home, "USER=" + account.name, "LOGNAME=" + account.name,
+            "SHELL=" + (account.shell.empty() ? "/bin/sh" : account.shell),
+            account.userId == 0 ? RootPath : UserPath};
+}
 } // namespace
 
 CommandEnvironment::CommandEnvironment(const std::string& mark)
@@ -33,14 +42,23 @@ CommandEnvironment::CommandEnvironment(const std::string& mark)
 
 CommandEnvironment::CommandEnvironment(const std::string& mark, const Account& account)
 {
-    const std::string shell = account.shell.empty() ? "/bin/sh" : account.shell;
-    made_ = {"HOME=" + account.home, "USER=" + account.name, "LOGNAME=" + account.name, "SHELL=" + shell};
+    made_ = LoginEntries(account);
     for (const std::string& entry : made_)
         entries_.push_back(entry.c_str());
-    entries_.push_back(account.userId == 0 ? RootPath : UserPath);
     for (char** entry = environ; *entry != nullptr; ++entry)
         if (IsPassedToUsers(*entry))
             entries_.push_back(*entry);
     entries_.push_back(mark.c_str());
     entries_.push_back(nullptr);
+}
+
+void CommandEnvironment::CompleteOwn()
+{
+    for (const std::string& entry : LoginEntries(Accounts::Own())) {
+        const std::size_t nameEnd = entry.find('=');
+        const std::string name = entry.substr(0, nameEnd);
+        const char* const present = getenv(name.c_str());
+        if (present == nullptr || *present == '\0')
+            setenv(name.c_str(), entry.c_str() + nameEnd + 1, 1);
+    }
 }

@@ -22,6 +22,12 @@ public:
 
     const char* const* Entries() const { return entries_.data(); }
 
+    /**
+     * Puts what a login of this process' own user has into the process' environment where it lacks it or has
+     * it empty. Programs count on it: one that runs "$SHELL" without a look does nothing at all else.
+     */
+    static void CompleteOwn();
+
 private:
     std::vector<std::string> made_;
     std::vector<const char*> entries_;

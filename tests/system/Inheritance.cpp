@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 
@@ -103,6 +104,8 @@ void TakeOddSurroundings()
         sigaddset(&blocked, number);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
     umask(077);
+    for (const char* const name : {"SHELL", "USER", "LOGNAME"})
+        unsetenv(name);
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     files.rlim_cur = std::min(files.rlim_max, FewFiles);
@@ -141,9 +144,20 @@ ExpectedOwner ExpectOwnUser(const DaemonUnderTest& daemon)
 {
     ExpectedOwner owner{
         .identity = OwnStatus({"Uid", "Gid", "Groups", "CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"}),
-        .home = getenv("HOME")};
+        .home = getenv("HOME") ? getenv("HOME") : getpwuid(geteuid())->pw_dir};
     for (char** entry = environ; *entry != nullptr; ++entry)
         owner.environment.emplace_back(*entry);
+    // What the tests' own surroundings lack is made up for.
+    const passwd* const account = getpwuid(geteuid());
+    const std::string path = geteuid() == 0 ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+                                            : "/usr/local/bin:/usr/bin:/bin";
+    for (const auto& [name, value] : std::map<std::string, std::string>{{"HOME", account->pw_dir},
+                                                                        {"USER", account->pw_name},
+                                                                        {"LOGNAME", account->pw_name},
+                                                                        {"SHELL", account->pw_shell},
+                                                                        {"PATH", path}})
+        if (getenv(name.c_str()) == nullptr)
+            owner.environment.push_back(name + "=" + value);
     owner.environment.push_back("RUVEL_TEST_DIRECTORY=" + DirectoryOf(daemon));
     return owner;
 }
