@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <poll.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 const char* const RuvelServer::UniversalSeparator = protocol::Separator;
@@ -31,6 +32,9 @@ RuvelServer::RuvelServer()
 RuvelServer::~RuvelServer()
 {
     CloseRuvelServer();
+    // The environment keeps no text of its own.
+    if (environmentEntry_.GetLengthInByte() != 0)
+        unsetenv("RUVELSERVER_TMP");
     if (signalDescriptor_ >= 0)
         close(signalDescriptor_);
 }

@@ -12,6 +12,9 @@ is_installed() {
     [ "$(dpkg-query --show --showformat '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
+# To build and run the fuzzers.
+fuzz_packages=(clang libclang-rt-14-dev)
+
 # To build the Debian packages and try them in a clean root.
 package_packages=(debootstrap dpkg-dev file iproute2 lintian mandoc socat util-linux)
 
