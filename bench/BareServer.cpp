@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -60,7 +59,6 @@ void ReportEnded(int signals, std::vector<BareClient>& clients)
 
 [[noreturn]] void Serve(int listening)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     sigset_t childEnds;
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);
@@ -86,19 +84,9 @@ void ReportEnded(int signals, std::vector<BareClient>& clients)
 } // namespace
 
 BareServer::BareServer()
+    : listening_(ListenOnFreePort(port_)), process_([this] { Serve(listening_.Number()); })
 {
-    const FileDescriptor listening = ListenOnFreePort(port_);
-    id_ = fork();
-    if (id_ == 0)
-        Serve(listening.Number());
-    if (id_ < 0)
-        ThrowSystemError("fork");
-}
-
-BareServer::~BareServer()
-{
-    kill(id_, SIGKILL);
-    waitpid(id_, nullptr, 0);
+    listening_ = FileDescriptor();
 }
 
 pid_t StartTrue(int descriptor)

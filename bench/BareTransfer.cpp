@@ -1,24 +1,19 @@
 #include "bench/BareTransfer.h"
 
-#include <csignal>
-#include <exception>
+#include <fstream>
 #include <stdexcept>
+#include <vector>
 
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "bench/Conversation.h"
 
 namespace
 {
-using BareTransfer::Server;
-
 FileDescriptor Open(const std::string& path, int flags)
 {
     FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC, 0600));
@@ -27,36 +22,46 @@ FileDescriptor Open(const std::string& path, int flags)
     return file;
 }
 
-double Seconds(const timeval& time)
+FileDescriptor Accept(const FileDescriptor& listening)
 {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
-
-void Serve(int listening, Server::Task task, const std::string& path)
-{
-    const FileDescriptor connection(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    FileDescriptor connection(accept4(listening.Number(), nullptr, nullptr, SOCK_CLOEXEC));
     const int on = 1;
     setsockopt(connection.Number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (task == Server::Task::Send)
-        BareTransfer::SendFile(path, connection);
-    else
-        BareTransfer::ReceiveFile(connection, path);
+    return connection;
+}
+
+long long SendAll(int from, const FileDescriptor& connection)
+{
+    char block[BareTransfer::BlockSize];
+    long long bytes = 0;
+    ssize_t count;
+    while ((count = read(from, block, sizeof block)) > 0) {
+        Send(connection, {block, static_cast<std::size_t>(count)});
+        bytes += count;
+    }
+    return bytes;
 }
 } // namespace
 
 namespace BareTransfer
 {
+void MakeFile(const std::string& path, long long size)
+{
+    constexpr std::size_t PieceSize = 1 << 20;
+    std::vector<char> piece(PieceSize);
+    for (std::size_t i = 0; i < PieceSize; ++i)
+        piece[i] = static_cast<char>(i * 2654435761U >> 13);
+    std::ofstream file(path, std::ios::binary);
+    for (long long left = size; left > 0; left -= static_cast<long long>(PieceSize))
+        file.write(piece.data(), std::min(left, static_cast<long long>(PieceSize)));
+    file.close();
+    if (!file)
+        throw std::runtime_error("no room for " + path);
+}
+
 long long SendFile(const std::string& path, const FileDescriptor& connection)
 {
-    const FileDescriptor file = Open(path, O_RDONLY);
-    char block[BlockSize];
-    long long bytes = 0;
-    ssize_t count;
-    while ((count = read(file.Number(), block, sizeof block)) > 0) {
-        Send(connection, {block, static_cast<std::size_t>(count)});
-        bytes += count;
-    }
-    return bytes;
+    return SendAll(Open(path, O_RDONLY).Number(), connection);
 }
 
 long long ReceiveFile(const FileDescriptor& connection, const std::string& path)
@@ -83,39 +88,29 @@ long long Drain(const FileDescriptor& connection)
     return bytes;
 }
 
-Server::Server(Task task, const std::string& path)
+void BecomeCat(const std::string& path, const FileDescriptor& connection)
 {
-    const FileDescriptor listening = ListenOnFreePort(port_);
-    id_ = fork();
-    if (id_ < 0)
-        ThrowSystemError("fork");
-    if (id_ > 0)
-        return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    try {
-        Serve(listening.Number(), task, path);
-    } catch (const std::exception&) {
-        _exit(1);
-    }
-    _exit(0);
+    dup2(connection.Number(), STDOUT_FILENO);
+    execlp("cat", "cat", path.c_str(), nullptr);
+    ThrowSystemError("cat");
 }
 
-Server::~Server()
+void CopyFromCat(const std::string& path, const FileDescriptor& connection)
 {
-    if (id_ > 0) {
-        kill(id_, SIGKILL);
-        waitpid(id_, nullptr, 0);
-    }
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        ThrowSystemError("pipe2");
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    Child cat([&] { BecomeCat(path, writing); });
+    writing = FileDescriptor();
+    SendAll(reading.Number(), connection);
+    cat.WaitForEnd();
 }
 
-double Server::WaitForEnd()
+Server::Server(const std::function<void(const FileDescriptor& connection)>& serve)
+    : listening_(ListenOnFreePort(port_)), process_([&] { serve(Accept(listening_)); })
 {
-    int status = 0;
-    rusage use{};
-    const pid_t ended = wait4(id_, &status, 0, &use);
-    id_ = -1;
-    if (ended < 0 || status != 0)
-        throw std::runtime_error("the bare server failed");
-    return Seconds(use.ru_utime) + Seconds(use.ru_stime);
+    listening_ = FileDescriptor();
 }
 } // namespace BareTransfer

@@ -1,32 +1,33 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
-#include <sys/types.h>
+#include "bench/Child.h"
 
 /**
  * A daemon of this build in single user mode without passwords, on a free pair of ports and with a log
- * directory of its own. The constructor returns when it serves; the destructor ends it by its id and
- * removes the directory. Should the benchmark die before, the daemon gets a termination signal.
+ * directory of its own in memory. It serves when the constructor returns, and ends with the object.
  */
 class BenchDaemon
 {
 public:
     BenchDaemon();
-    BenchDaemon(const BenchDaemon&) = delete;
-    BenchDaemon& operator=(const BenchDaemon&) = delete;
-    ~BenchDaemon();
 
-    pid_t Id() const { return id_; }
+    pid_t Id() const { return process_->Id(); }
     int Port() const { return port_; }
+    /** From the start of the process until a client got an answer. */
+    double StartMilliseconds() const { return startMilliseconds_; }
 
 private:
     bool Start();
-    [[noreturn]] void Become() const;
-    bool WaitUntilItServes() const;
-    void End();
+    bool WaitUntilItServes();
 
-    std::string directory_;
+    MemoryFolder directory_;
+    std::optional<Child> process_;
     int port_ = 0;
-    pid_t id_ = -1;
+    double startMilliseconds_ = 0;
 };
+
+/** A program of this build: "daemon/RuvelServer", "client/RuvelControl". */
+std::string ProgramPath(const std::string& name);

@@ -62,6 +62,13 @@ FileDescriptor ConnectTo(int port, int receiveBufferBytes)
     return connection;
 }
 
+bool IsAccepting(int port)
+{
+    const FileDescriptor connection = MakeSocket();
+    const sockaddr_in address = LoopbackAddress(port);
+    return connect(connection.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
 FileDescriptor ListenOnFreePort(int& port)
 {
     FileDescriptor listening = MakeSocket();
@@ -129,6 +136,15 @@ LaunchTimes TimeLaunch(int port, const std::string& request)
     const double end = NowInMicroseconds();
     ReadToEnd(connection);
     return {end - begin, end - connected};
+}
+
+double TimeAnswer(int port, const std::string& request)
+{
+    const double begin = NowInMicroseconds();
+    const FileDescriptor connection = ConnectTo(port);
+    Send(connection, request);
+    ReadToEnd(connection);
+    return NowInMicroseconds() - begin;
 }
 
 double NowInMicroseconds()

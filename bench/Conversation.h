@@ -15,6 +15,8 @@
 
 /** A connection to a port of this machine; a receive buffer of 0 bytes leaves the choice to the system. */
 FileDescriptor ConnectTo(int port, int receiveBufferBytes = 0);
+/** True when a connection to the port of this machine can be made. */
+bool IsAccepting(int port);
 /** A socket that listens on a free port of this machine, which is stored. */
 FileDescriptor ListenOnFreePort(int& port);
 void Send(const FileDescriptor& connection, std::string_view bytes);
@@ -34,8 +36,10 @@ struct LaunchTimes {
     double sinceConnect; // from before the connection was made to the return line
     double sinceRequest; // from before the request was sent
 };
-/** Launches `true` in SOCKET mode at a port of this machine; throws when it does not return 0. */
+/** Makes a request whose answer ends with a good return line, and throws when it does not. */
 LaunchTimes TimeLaunch(int port, const std::string& request);
+/** From connecting to the end of the stream, microseconds; a request of "" is none. */
+double TimeAnswer(int port, const std::string& request);
 
 /** Microseconds on the steady clock. */
 double NowInMicroseconds();

@@ -34,12 +34,33 @@ ProcessUse ProcessUse::Of(pid_t process)
         const std::string name = line.substr(0, colon);
         if (name == "voluntary_ctxt_switches" || name == "nonvoluntary_ctxt_switches")
             use.contextSwitches += std::stol(line.substr(colon + 1));
-        else if (name == "VmRSS")
-            use.residentKilobytes = std::stol(line.substr(colon + 1));
     }
     double nanoseconds = 0;
     std::ifstream(directory + "/schedstat") >> nanoseconds;
     use.cpuMicroseconds = nanoseconds / 1000;
     use.endedChildrensCpuSeconds = ReadEndedChildrensCpu(directory);
     return use;
+}
+
+ProcessUse ProcessUse::OfAlone(pid_t process)
+{
+    constexpr useconds_t pause = 1000;
+    constexpr int looks = 5000;
+    const std::string id = std::to_string(process);
+    for (int look = 0; look < looks; ++look) {
+        std::string child;
+        if (!(std::ifstream("/proc/" + id + "/task/" + id + "/children") >> child))
+            break;
+        usleep(pause);
+    }
+    return Of(process);
+}
+
+double ProportionalMemory(pid_t process)
+{
+    std::ifstream parts("/proc/" + std::to_string(process) + "/smaps_rollup");
+    for (std::string line; std::getline(parts, line);)
+        if (line.starts_with("Pss:"))
+            return std::stod(line.substr(4));
+    return 0;
 }

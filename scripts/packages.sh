@@ -18,6 +18,10 @@ fuzz_packages=(clang libclang-rt-14-dev)
 # To build the Debian packages and try them in a clean root.
 package_packages=(debootstrap dpkg-dev file iproute2 lintian mandoc socat util-linux)
 
+# To measure: the libraries and servers that RuvelServer is compared with. Nothing of theirs is left running,
+# and none of them is configured outside a temporary folder.
+bench_packages=(libisal-dev openssh-client openssh-server python3 rsync socat util-linux vsftpd zlib1g-dev)
+
 # install_packages PACKAGE...: installs those that are missing and says so; does nothing when none is.
 install_packages() {
     local missing=() as_root=() package
