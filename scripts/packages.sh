@@ -6,7 +6,7 @@ build_packages=(cmake ninja-build g++ libpam0g-dev libcli11-dev nlohmann-json3-d
 # Besides these: to check the format, compile the tests and run them (ksh is the interactive form's shell).
 test_packages=(clang-format libgtest-dev libgmock-dev ksh passwd procps util-linux
                # the tools that drive remote machines through ruvelsh
-               ansible-core clustershell git parallel pdsh rsync tar)
+               ansible-core clustershell git openssh-client openssh-server parallel pdsh rsync tar)
 
 is_installed() {
     [ "$(dpkg-query --show --showformat '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]

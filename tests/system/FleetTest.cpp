@@ -9,7 +9,7 @@
 #include "tests/system/DaemonUnderTest.h"
 
 // Tools that drive remote machines through a remote shell, over two daemons of this machine. Each does real
-// work with ruvelsh in the place of the shell that it was written for.
+// work with ruvelsh in the place of the shell that it was written for. And the way in through OpenSSH.
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -132,4 +132,53 @@ TEST_F(FleetTest, Ansible)
             "dest=$PWD/got.{{inventory_hostname}} flat=yes\" >fetch.log\n"
             "cmp data got.one && cmp data got.two && echo same\n");
     EXPECT_EQ(output, "2\n2\nsame\ncode 0");
+}
+
+TEST_F(FleetTest, OpenSshCarriesEveryConnection)
+{
+    // Root's sshd would want a folder of the system's. That of nobody, through whom the connections only
+    // pass, does not; but without PAM it takes that account for a locked one.
+    EXPECT_EQ(
+        Run("S=" + std::to_string(FindFreePort()) + R"sh(
+set -e
+me=$(id -un) as= pam=no
+if [ "$me" = root ]; then me=nobody as='--reuid nobody --regid nogroup --clear-groups' pam=yes; fi
+for name in host user; do ssh-keygen -q -t ed25519 -N '' -C '' -f $name; done
+[ $me != nobody ] || chown nobody host
+cat >sshd_config <<END
+Port $S
+ListenAddress 127.0.0.1
+HostKey $PWD/host
+AuthorizedKeysFile $PWD/user.pub
+PidFile none
+StrictModes no
+UsePAM $pam
+END
+echo "gateway $(cat host.pub)" >known
+cat >ssh_config <<END
+HostName 127.0.0.1
+HostKeyAlias gateway
+Port $S
+User $me
+IdentityFile $PWD/user
+UserKnownHostsFile $PWD/known
+BatchMode yes
+LogLevel ERROR
+END
+: >sshd.log
+setpriv $as --pdeathsig TERM /usr/sbin/sshd -D -e -f $PWD/sshd_config 2>sshd.log & sshd=$!
+trap 'while ps --ppid $sshd >ps.log; do sleep 0.05; done; kill $sshd; wait $sshd || :' EXIT
+until grep -q listening sshd.log; do kill -0 $sshd || cat sshd.log; sleep 0.05; done
+over() { command=$1; shift; RuvelControl $command -H 127.0.0.1:$P --proxy 'ssh -F ssh_config -W %h:%p gateway' "$@"; }
+head -c 3000000 /dev/urandom >data; mkdir to
+over run -- tee /dev/stderr <data >out 2>err || { head -n 3 err; cat sshd.log; }
+cmp data out; cmp data err
+over run -c 'exit 7' || echo $?
+over put data $PWD/to/; cmp data to/data
+head -c 2000000 data >.back.ruvelpart
+over get $PWD/to/data back 2>&1 | sed "s|$PWD||"; cmp data back
+over put --passive data $PWD/to/no || ls to
+)sh"),
+        "7\nRuvelControl: /to/data: resumed at 66 %\nRuvelControl: data: the server cannot connect to this "
+        "machine through a proxy: leave out --passive\ndata\ncode 0");
 }
