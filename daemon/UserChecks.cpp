@@ -44,8 +44,6 @@ UserChecks::UserChecks() : processors_(static_cast<std::size_t>(std::max(2L, sys
 
 void UserChecks::Enqueue(WaitingClient& client)
 {
-    client.connection.SetCredentials(client.fields[2], client.fields[3]);
-    client.text.WipeField(3);
     client.state = State::Checking;
     waiting_.push_back(&client);
 }
@@ -68,11 +66,14 @@ void UserChecks::StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& 
         lastStart_ = Clock::SteadyMilliseconds();
         QORListPtrBaseSocket sockets(0);
         socketsToClose(sockets);
+        // Not before: what the queue holds is in memory that no worker gets to see.
+        client->connection.SetCredentials(client->fields[2], client->fields[3]);
         if (client->connection.StartThreadOrProcess(sockets) == 0)
             running_.push_back(client);
         else
             GiveVerdict(*client, Verdict::Unchecked);
         client->connection.WipeCredentials();
+        client->text.WipeField(3);
     }
 }
 

@@ -34,7 +34,8 @@ public:
 
     UserChecks();
 
-    /** Puts the client in state checking; its password is wiped from the request. */
+    /** Puts the client in state checking. Its password stays in its request until its check is started, and
+     * is wiped then. */
     void Enqueue(WaitingClient& client);
     /** Gives every client whose check has ended its verdict: state complete when good, refused when bad. */
     void CollectVerdicts();

@@ -69,15 +69,8 @@ bool RequestText::Append(std::string_view bytes)
     if (bytes.size() > Limit - bytes_.size())
         return false;
     NoteSeparators(bytes, bytes_.size(), separators_, separatorCount_);
-    if (bytes_.capacity() - bytes_.size() < bytes.size()) {
-        // Grown by hand, so that the old block, which may hold a password, is wiped before it is freed.
-        std::string larger;
-        larger.reserve(std::max(2 * bytes_.size(), bytes_.size() + bytes.size()));
-        larger.append(bytes_);
-        explicit_bzero(bytes_.data(), bytes_.size());
-        bytes_.swap(larger);
-    }
-    bytes_.append(bytes);
+    bytes_.reserve(FirstRoom);
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
     return true;
 }
 
@@ -95,8 +88,7 @@ int RequestText::SilenceToAwait() const
 
 RequestFields RequestText::Fields() const
 {
-    return FieldsBetween(std::string_view(bytes_).substr(0, LengthWithoutTerminator()), separators_,
-                         separatorCount_);
+    return FieldsBetween(View().substr(0, LengthWithoutTerminator()), separators_, separatorCount_);
 }
 
 void RequestText::WipeField(int position)
@@ -104,13 +96,6 @@ void RequestText::WipeField(int position)
     const std::string_view field = Fields()[position];
     if (!field.empty())
         explicit_bzero(bytes_.data() + (field.data() - bytes_.data()), field.size());
-}
-
-void RequestText::Wipe()
-{
-    explicit_bzero(bytes_.data(), bytes_.size());
-    bytes_.clear();
-    separatorCount_ = 0;
 }
 
 } // namespace protocol

@@ -2,8 +2,9 @@
 
 #include <array>
 #include <cstddef>
-#include <string>
 #include <string_view>
+
+#include "support/SecretBytes.h"
 
 namespace protocol
 {
@@ -39,8 +40,8 @@ std::string_view WithoutTerminator(std::string_view text);
  * it is there, a longer one when it ends with a terminator and is of a known form, or after a silence.
  *
  * Field boundaries are noted as bytes come in, so that judging costs the same however long the request is
- * and into however many pieces a client cuts it. Owned by the waiting client. It may hold a password:
- * Wipe() and the destructor overwrite the bytes.
+ * and into however many pieces a client cuts it. Owned by the waiting client. It may hold a password, so
+ * that only this process has the bytes: no child that it forks.
  */
 class RequestText
 {
@@ -57,7 +58,6 @@ public:
     RequestText() = default;
     RequestText(const RequestText&) = delete;
     RequestText& operator=(const RequestText&) = delete;
-    ~RequestText() { Wipe(); }
 
     /** Takes what has arrived; false once the request is past the limit. */
     bool Append(std::string_view bytes);
@@ -68,13 +68,15 @@ public:
     RequestFields Fields() const;
     /** Overwrites one field in place: a password that has been handed on. Field views stay valid. */
     void WipeField(int position);
-    /** Overwrites and forgets the bytes. */
-    void Wipe();
 
 private:
-    std::size_t LengthWithoutTerminator() const { return WithoutTerminator(bytes_).size(); }
+    /** Room for an ordinary request, in bytes: a page, which is as little as there is of such memory. */
+    static constexpr std::size_t FirstRoom = 4096;
 
-    std::string bytes_;
+    std::string_view View() const { return {bytes_.data(), bytes_.size()}; }
+    std::size_t LengthWithoutTerminator() const { return WithoutTerminator(View()).size(); }
+
+    SecretBytes bytes_;
     int separatorCount_ = 0;
     std::array<std::size_t, MostFields> separators_{};
 };

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "support/PasswordCheck.h"
+#include "support/ProcessSetup.h"
 
 namespace
 {
@@ -100,6 +101,8 @@ int BaseProcess::ImpersonateUser(const QORUnicodeString& user, const QORUnicodeS
         GoBackTo(before);
         return Fail("Error unable to take on identity of user (" + account.name + ") : " + reason);
     }
+    if (account.userId != before.userId)
+        ProcessSetup::KeepMemoryPrivate(); // a change of identity leaves that to the system's settings
     savedUserId = before.userId;
     savedGroupId = before.groupId;
     std::copy(before.groups.begin(), before.groups.end(), savedGroups);

@@ -110,7 +110,7 @@ void Remove(const std::string& name, uid_t user)
 } // namespace
 
 TestAccount::TestAccount(const std::vector<std::string>& groups)
-    : name_(Prefix + MakeRandomText(8)), password_(MakeRandomText(20)), home_("/home/" + name_)
+    : name_(Prefix + MakeRandomText(8)), password_(MakeRandomText(60)), home_("/home/" + name_)
 {
     RemoveAbandoned();
     const std::string maker = std::to_string(getpid());
