@@ -57,7 +57,8 @@ int RunCollect(const Subcommand& self, const Arguments& arguments)
         self, "[FOLDER]",
         "Takes the logs of submit --detach: a file for each in FOLDER (the current one), and a\n"
         "line on standard output that tells its name and the command's exit code. Runs until it\n"
-        "is stopped; a server tries for a while to deliver what finds nobody.");
+        "is stopped; a server tries for a while to deliver what finds nobody.",
+        SubcommandParser::Asks::Nobody);
     parser.TakeOptionsAnywhere();
     int port = DefaultCollectorPort;
     parser.Options()

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "client/LaunchAnswer.h"
 #include "client/RemoteEnd.h"
 #include "client/ServerRefusal.h"
 #include "client/ServerRequest.h"
@@ -17,9 +18,6 @@
 namespace
 {
 constexpr std::size_t BlockSize = 65536;
-/** As timeout(1) has it. */
-constexpr int ExpiredCode = 124;
-constexpr int HighestExitCode = 255;
 /** Once the command's end is known, what is still to come is on its way already: milliseconds. */
 constexpr long long PatienceWithEnd = 10'000;
 /** What may be the beginning of an end is held back no longer than this: milliseconds. The rest of an end
@@ -82,7 +80,7 @@ Failure CommandRun::StartErrorReader()
     if (errors_->end.kind == StreamEnd::Refused)
         return ExplainRefusal(request_.server, errors_->end.words);
     if (errors_->end.kind == StreamEnd::NoServer)
-        return {"what answers at " + request_.server.Name() + " is no RuvelServer: check host and port (-H)"};
+        return NoServer(request_.server);
     return {"standard error cannot be kept apart at " + request_.server.Name() + ": use --merge (" +
             FirstLine(errors_->stream.WordsBeforeReady()) + ")"};
 }
@@ -247,7 +245,6 @@ void CommandRun::EndByClosedOutput()
 
 int CommandRun::Conclude()
 {
-    const std::string name = request_.server.Name();
     if (command_.failure)
         return Report(command_.failure);
     const bool saysMore = !command_.end.words.empty() || command_.end.kind == StreamEnd::NoServer;
@@ -275,35 +272,16 @@ int CommandRun::ConcludeWhole()
 
 int CommandRun::ConcludeCut()
 {
-    const Server& server = request_.server;
     const StreamEnd& end = command_.end;
-    switch (end.kind) {
-    case StreamEnd::Code:
-        if (!end.words.empty())
-            Report(ExplainRefusal(server, end.words));
-        if (end.isExpired)
-            return ExpiredCode;
+    // Where the server says nothing of its own, the command's shell did not come to its end by itself.
+    if (end.kind == StreamEnd::Code && end.words.empty()) {
         if (!command_.stream.IsReady())
             return Report("the command was not started, since standard error cannot be kept apart at " +
-                          server.Name() + ": use --merge (" + FirstLine(command_.stream.WordsBeforeReady()) +
-                          ")");
-        if (end.code < 0 || end.code > HighestExitCode)
-            return Report(server.Name() + " lost the command's exit code (" + std::to_string(end.code) + ")");
+                          request_.server.Name() + ": use --merge (" +
+                          FirstLine(command_.stream.WordsBeforeReady()) + ")");
         // Output that was cut short is no success, whatever the command made of its signal.
-        if (end.code == 0 && end.words.empty())
+        if (end.code == 0)
             return Report("the end of the output is missing: something ended the command's shell");
-        return end.code == 0 ? ClientFailure : end.code;
-    case StreamEnd::NoCode:
-        return Report(end.words.empty() ? Failure{server.Name() + " tells no exit code"}
-                                        : ExplainRefusal(server, end.words));
-    case StreamEnd::Refused:
-        return Report(ExplainRefusal(server, end.words));
-    case StreamEnd::NoServer:
-        return Report("what answers at " + server.Name() + " is no RuvelServer: check host and port (-H)");
-    case StreamEnd::Cut:
-        break;
     }
-    return Report(
-        "the connection to " + server.Name() +
-        " was cut before the command's end: the server or the network failed, the output is not whole");
+    return ConcludeLaunch(end, request_.server);
 }

@@ -9,7 +9,6 @@
 #include "client/GetTarget.h"
 #include "client/ProgressBar.h"
 #include "client/RemoteFile.h"
-#include "client/ServerRefusal.h"
 #include "client/SubcommandParser.h"
 #include "client/TransferExchange.h"
 #include "client/TransferOptions.h"
@@ -184,7 +183,7 @@ std::string CheckWords(const std::vector<std::string>& words, bool isJson)
 int RunGet(const Subcommand& self, const Arguments& arguments)
 {
     SubcommandParser parser(
-        self, "FILE... TARGET",
+        self, "FILE... [TARGET]",
         "Relative FILEs begin in the home directory there. TARGET is a file, - for standard output or, for\n"
         "several, a folder; a single FILE goes to the current one. The target is replaced only by a whole\n"
         "file, with mode and time kept; an interrupted get goes on where it was when it is repeated.");
@@ -193,26 +192,12 @@ int RunGet(const Subcommand& self, const Arguments& arguments)
     AddTransferOptions(parser.Options(), options);
     if (const std::optional<int> exitCode = parser.Parse(arguments))
         return *exitCode;
-    std::vector<std::string> sources = parser.Words();
-    if (const std::string reason = CheckWords(sources, options.isJson); !reason.empty())
+    if (const std::string reason = CheckWords(parser.Words(), options.isJson); !reason.empty())
         return Complain(reason);
     if (const Failure failure = FindServer(parser.WhoAndWhere(), options.server))
         return Report(failure);
-    std::string target = ".";
-    if (sources.size() > 1) {
-        target = sources.back();
-        sources.pop_back();
-    }
-    // Several files need a folder, which the slash asks for; standard output takes them one after another.
-    if (sources.size() > 1 && target != StandardStream && !target.ends_with('/'))
-        target += '/';
-    std::vector<TransferOutcome> outcomes;
-    for (const std::string& source : sources) {
-        outcomes.emplace_back().source = source;
-        outcomes.back().target = target;
-        outcomes.back().failure = Get(options, outcomes.back()).Run(target);
-        if (IsUserRefusal(outcomes.back().failure.serverWords))
-            break;
-    }
-    return ConcludeTransfers(outcomes, options.isJson);
+    return MoveAll(parser.Words(), ".", StandardStream, options.isJson,
+                   [&](TransferOutcome& outcome, const std::string& target) {
+                       return Get(options, outcome).Run(target);
+                   });
 }

@@ -7,6 +7,8 @@
 
 namespace
 {
+/** As timeout(1) has it. */
+constexpr int ExpiredCode = 124;
 constexpr int HighestExitCode = 255;
 } // namespace
 
@@ -28,9 +30,11 @@ int ConcludeLaunch(const StreamEnd& end, const Server& server)
     case StreamEnd::Refused:
         return Report(ExplainRefusal(server, end.words));
     case StreamEnd::NoServer:
-        return Report("what answers at " + server.Name() + " is no RuvelServer: check host and port (-H)");
+        return Report(NoServer(server));
     case StreamEnd::Cut:
         break;
     }
-    return Report("the connection to " + server.Name() + " was cut before the command's end");
+    return Report(
+        "the connection to " + server.Name() +
+        " was cut before the command's end: the server or the network failed, the output is not whole");
 }

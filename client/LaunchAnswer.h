@@ -3,9 +3,6 @@
 #include "client/Server.h"
 #include "client/StreamFilter.h"
 
-/** As timeout(1) has it. */
-inline constexpr int ExpiredCode = 124;
-
 /**
  * What the end of an answer to a launch means for our own exit code, said on standard error where the code
  * alone does not tell.

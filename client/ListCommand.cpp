@@ -38,8 +38,7 @@ Failure Fetch(const Server& server, bool isAll, Listing& listing)
         if (Failure failure = TakeBanner(server, rest))
             return failure;
     if (!rest.starts_with("->"))
-        return {"what answers at " + server.Name() +
-                " is no RuvelServer: check host and port (-H HOST:PORT)"};
+        return NoServer(server);
     return ExplainRefusal(server, rest.substr(0, rest.find('\n')));
 }
 

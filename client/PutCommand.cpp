@@ -19,7 +19,6 @@
 
 #include "client/ProgressBar.h"
 #include "client/RemoteFile.h"
-#include "client/ServerRefusal.h"
 #include "client/SubcommandParser.h"
 #include "client/TransferExchange.h"
 #include "client/TransferOptions.h"
@@ -259,7 +258,7 @@ std::string CheckWords(const std::vector<std::string>& words)
 int RunPut(const Subcommand& self, const Arguments& arguments)
 {
     SubcommandParser parser(
-        self, "FILE... TARGET",
+        self, "FILE... [TARGET]",
         "FILE may be - for standard input. TARGET is a file or, for several, a folder; relative ones begin "
         "in\n"
         "the home directory there, which is also where a single FILE goes. The target is replaced only by a\n"
@@ -269,26 +268,12 @@ int RunPut(const Subcommand& self, const Arguments& arguments)
     AddTransferOptions(parser.Options(), options);
     if (const std::optional<int> exitCode = parser.Parse(arguments))
         return *exitCode;
-    std::vector<std::string> sources = parser.Words();
-    if (const std::string reason = CheckWords(sources); !reason.empty())
+    if (const std::string reason = CheckWords(parser.Words()); !reason.empty())
         return Complain(reason);
     if (const Failure failure = FindServer(parser.WhoAndWhere(), options.server))
         return Report(failure);
-    std::string target = "./";
-    if (sources.size() > 1) {
-        target = sources.back();
-        sources.pop_back();
-    }
-    // Several files need a folder, which the slash asks for.
-    if (sources.size() > 1 && !target.ends_with('/'))
-        target += '/';
-    std::vector<TransferOutcome> outcomes;
-    for (const std::string& source : sources) {
-        outcomes.emplace_back().source = source;
-        outcomes.back().target = target;
-        outcomes.back().failure = Put(options, outcomes.back()).Run(target);
-        if (IsUserRefusal(outcomes.back().failure.serverWords))
-            break;
-    }
-    return ConcludeTransfers(outcomes, options.isJson);
+    return MoveAll(parser.Words(), "./", "", options.isJson,
+                   [&](TransferOutcome& outcome, const std::string& target) {
+                       return Put(options, outcome).Run(target);
+                   });
 }

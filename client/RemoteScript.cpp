@@ -35,7 +35,7 @@ Failure RunRemoteScript(const Server& server, std::string_view script,
     case StreamEnd::Refused:
         return ExplainRefusal(server, end.words);
     case StreamEnd::NoServer:
-        return {"what answers at " + server.Name() + " is no RuvelServer"};
+        return NoServer(server);
     case StreamEnd::NoCode:
     case StreamEnd::Cut:
         return {"the connection to " + server.Name() + " was cut before the answer was complete; try again"};

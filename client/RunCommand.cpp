@@ -5,9 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/CommandOptions.h"
 #include "client/CommandRun.h"
-#include "client/ShellWords.h"
-#include "client/SubcommandParser.h"
 
 namespace
 {
@@ -19,23 +18,19 @@ constexpr const char* Footer =
     "with all that it started; a second Ctrl-C leaves at once.";
 
 struct RunOptions {
-    bool isLine = false;
+    CommandOptions command;
     bool passesInput = false;
     bool passesNothing = false;
     bool mergesErrors = false;
-    std::string lifeTimeOut = "0";
 };
 
 void AddOptions(CLI::App& app, RunOptions& options)
 {
-    app.add_flag("-c", options.isLine, "The one word is a shell line, passed as it is");
+    AddCommandOptions(app, options.command);
     auto* const input =
         app.add_flag("-i", options.passesInput, "Pass standard input on, also from a terminal");
     app.add_flag("-n", options.passesNothing, "Pass no input on")->excludes(input);
     app.add_flag("--merge", options.mergesErrors, "Standard error comes in one stream with standard output");
-    app.add_option("--timeout", options.lifeTimeOut, "End the command after this time, such as 90s or 10m")
-        ->type_name("DURATION")
-        ->check(CheckDuration);
 }
 } // namespace
 
@@ -54,16 +49,12 @@ int RunCommand(const Subcommand& self, const Arguments& arguments)
     AddOptions(parser.Options(), options);
     if (const std::optional<int> exitCode = parser.Parse(arguments))
         return *exitCode;
-    const std::vector<std::string>& words = parser.Words();
-    if (words.empty())
-        return Complain("A command to run is required");
-    if (options.isLine && words.size() != 1)
-        return Complain("-c takes one word, a shell line: quote it");
     RunRequest request;
+    if (const std::optional<int> exitCode = JoinCommand(parser, options.command, request.line))
+        return *exitCode;
     if (const Failure failure = FindServer(parser.WhoAndWhere(), request.server))
         return Report(failure);
-    request.line = options.isLine ? words.front() : JoinShellWords(words);
-    request.lifeTimeOut = ReadDuration(options.lifeTimeOut).value_or(0);
+    request.lifeTimeOut = options.command.LifeTimeOut();
     request.passesInput = !options.passesNothing && (options.passesInput || isatty(STDIN_FILENO) == 0);
     request.mergesErrors = options.mergesErrors || IsSameOutput();
     return CommandRun(std::move(request)).Run();

@@ -2,7 +2,8 @@
 
 #include <string>
 
-inline constexpr const char* DefaultHost = "localhost";
+/** This machine, by an address: its name is not known everywhere. */
+inline constexpr const char* DefaultHost = "127.0.0.1";
 inline constexpr int DefaultPort = 5678;
 
 /** A server, and in whose name it is asked. */

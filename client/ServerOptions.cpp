@@ -34,7 +34,10 @@ Failure FindPassword(const ServerOptions& options, Server& server)
         return ReadPasswordDescriptor(*options.passwordDescriptor, server.password);
     if (const std::optional<std::string> file = Choose(options.passwordFile, "RUVEL_PASSWORD_FILE"))
         return ReadPasswordFile(*file, server.password);
-    return options.isBatch ? Failure() : AskForPassword(server.user, server.Name(), server.password);
+    // Set to nothing, it says that there is no password.
+    return options.isBatch || getenv("RUVEL_PASSWORD_FILE") != nullptr
+               ? Failure()
+               : AskForPassword(server.user, server.Name(), server.password);
 }
 } // namespace
 

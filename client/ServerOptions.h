@@ -9,11 +9,11 @@
 
 /** "Who and where" as it was asked for; every subcommand that speaks to a server has these options. */
 struct ServerOptions {
-    /** HOST, HOST:PORT or :PORT; else from RUVEL_HOST, else localhost. */
+    /** HOST, HOST:PORT or :PORT; else from RUVEL_HOST, else this machine. */
     std::optional<std::string> host;
     /** Else from RUVEL_USER, else the name of this process' account. */
     std::optional<std::string> user;
-    /** Else from RUVEL_PASSWORD_FILE; else a terminal is asked. */
+    /** Else from RUVEL_PASSWORD_FILE, where nothing stands for no password; else a terminal is asked. */
     std::optional<std::string> passwordFile;
     std::optional<int> passwordDescriptor;
     std::string proxy;

@@ -4,6 +4,7 @@
 
 #include "client/ClientVersion.h"
 #include "client/ServerConnection.h"
+#include "client/ServerRefusal.h"
 #include "protocol/RequestText.h"
 #include "protocol/Texts.h"
 
@@ -79,8 +80,7 @@ Failure TakeBanner(const Server& server, std::string_view& answer)
 {
     const std::size_t lineEnd = answer.find('\n');
     if (!answer.starts_with(BannerLead) || lineEnd == std::string_view::npos)
-        return {"what answers at " + server.Name() +
-                " is no RuvelServer: check host and port (-H HOST:PORT)"};
+        return NoServer(server);
     answer.remove_prefix(lineEnd + 1);
     return {};
 }

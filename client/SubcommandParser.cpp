@@ -7,7 +7,10 @@
 
 namespace
 {
-/** Adds to the usage line what the parser does not know of, the words that stop it. */
+/**
+ * Adds to the usage line what the parser does not know of, the words that stop it, and leaves out what it
+ * would tell about an option beside the name of its value.
+ */
 class HelpFormatter : public CLI::Formatter
 {
 public:
@@ -18,6 +21,11 @@ public:
         const std::size_t lineEnd = usage.find_last_not_of('\n') + 1;
         return usage_.empty() ? usage : usage.insert(lineEnd, " " + usage_);
     }
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        const std::string value = option->get_type_name();
+        return value.empty() ? value : " " + value.substr(0, value.find(':'));
+    }
 
 private:
     std::string usage_;
@@ -27,14 +35,15 @@ void AddServerOptions(CLI::App& app, ServerOptions& options)
 {
     const char* const group = "Who and where";
     app.add_option("-H,--host", options.host,
-                   "Server: HOST, HOST:PORT or :PORT; else RUVEL_HOST, localhost:5678")
+                   "Server: HOST, HOST:PORT or :PORT; else RUVEL_HOST, 127.0.0.1:5678")
         ->type_name("SERVER")
         ->group(group);
     app.add_option("-u,--user", options.user, "User there; else RUVEL_USER, your own name")
         ->type_name("NAME")
         ->group(group);
     app.add_option("--password-file", options.passwordFile,
-                   "File with the password, closed to others; else RUVEL_PASSWORD_FILE")
+                   "File with the password, closed to others; else RUVEL_PASSWORD_FILE;\n"
+                   "that variable set to nothing says that there is no password")
         ->type_name("FILE")
         ->group(group);
     app.add_option("--password-fd", options.passwordDescriptor, "Open descriptor to read the password from")
@@ -54,13 +63,14 @@ int Complain(const std::string& reason)
     return Report(reason + " (" + std::string(ProgramName()) + " --help tells more)");
 }
 
-SubcommandParser::SubcommandParser(const Subcommand& self, std::string usage, std::string footer)
+SubcommandParser::SubcommandParser(const Subcommand& self, std::string usage, std::string footer, Asks asks)
     : app_(std::string(self.summary), std::string(ProgramName()) + " " + std::string(self.name))
 {
     app_.formatter(std::make_shared<HelpFormatter>(std::move(usage)));
     app_.footer(std::move(footer));
     app_.prefix_command();
-    AddServerOptions(app_, serverOptions_);
+    if (asks == Asks::Server)
+        AddServerOptions(app_, serverOptions_);
 }
 
 void SubcommandParser::TakeOptionsAnywhere()

@@ -23,9 +23,13 @@
 class SubcommandParser
 {
 public:
-    /** With the options that say who and where. `usage` is what follows "[OPTIONS]" in the usage line, the
+    /** Nobody: a subcommand that speaks to no server is not asked who and where. */
+    enum class Asks { Server, Nobody };
+
+    /** `usage` is what follows "[OPTIONS]" in the usage line, the
      * words that are no options: the parser stops at the first, and Words() has them all. */
-    SubcommandParser(const Subcommand& self, std::string usage, std::string footer = {});
+    SubcommandParser(const Subcommand& self, std::string usage, std::string footer = {},
+                     Asks asks = Asks::Server);
 
     /** To add the subcommand's own options to, and none that is positional. */
     CLI::App& Options() { return app_; }

@@ -69,6 +69,7 @@ int RunProgram(int argc, const char* const* argv)
 {
     CLI::App parser("Runs commands and moves files through a RuvelServer.", std::string(ProgramName()));
     parser.set_version_flag("--version", std::string(ClientVersion));
+    parser.footer(std::string(ProgramName()) + " SUBCOMMAND --help tells more.");
     for (const Subcommand& one : Table)
         parser.add_subcommand(std::string(one.name), std::string(one.summary));
     const DividedArguments arguments = Divide(argc, argv);

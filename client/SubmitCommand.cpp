@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "client/CollectCommand.h"
+#include "client/CommandOptions.h"
 #include "client/CommandWrapping.h"
 #include "client/LaunchAnswer.h"
 #include "client/LogAnswer.h"
@@ -10,8 +11,6 @@
 #include "client/ServerConnection.h"
 #include "client/ServerRefusal.h"
 #include "client/ServerRequest.h"
-#include "client/ShellWords.h"
-#include "client/SubcommandParser.h"
 #include "protocol/Texts.h"
 
 namespace
@@ -22,11 +21,10 @@ constexpr const char* Footer =
     "state asks for, and its log goes to where collect runs.";
 
 struct SubmitOptions {
-    bool isLine = false;
+    CommandOptions command;
     bool isDetached = false;
     /** ADDRESS:PORT of a collect; either part may be missing. */
     std::string collector;
-    std::string lifeTimeOut = "0";
 };
 
 /** Sends the request and passes the log on. */
@@ -86,7 +84,7 @@ int Detach(const Server& server, const std::string& line, const SubmitOptions& o
                                 {"NOWINDOW"},
                                 {collector.host, "collector"},
                                 {std::to_string(collector.port)},
-                                {std::to_string(ReadDuration(options.lifeTimeOut).value_or(0))}},
+                                {std::to_string(options.command.LifeTimeOut())}},
                                request);
     if (!failure)
         failure = connection.Send(request);
@@ -112,38 +110,29 @@ int RunSubmit(const Subcommand& self, const Arguments& arguments)
 {
     SubcommandParser parser(self, "[--] COMMAND [ARGUMENT]...", Footer);
     SubmitOptions options;
-    parser.Options().add_flag("-c", options.isLine, "The one word is a shell line, passed as it is");
+    AddCommandOptions(parser.Options(), options.command);
     parser.Options().add_flag("-d,--detach", options.isDetached, "Print the identifier and leave");
     parser.Options()
         .add_option("--to", options.collector,
                     "With --detach: where collect runs, HOST, HOST:PORT or :PORT (this machine:" +
                         std::to_string(DefaultCollectorPort) + ")")
         ->type_name("COLLECTOR");
-    parser.Options()
-        .add_option("--timeout", options.lifeTimeOut, "End the command after this time, such as 90s or 10m")
-        ->type_name("DURATION")
-        ->check(CheckDuration);
     if (const std::optional<int> exitCode = parser.Parse(arguments))
         return *exitCode;
-    const std::vector<std::string>& words = parser.Words();
-    if (words.empty())
-        return Complain("A command to run is required");
-    if (options.isLine && words.size() != 1)
-        return Complain("-c takes one word, a shell line: quote it");
+    std::string line;
+    if (const std::optional<int> exitCode = JoinCommand(parser, options.command, line))
+        return *exitCode;
     Server server;
     if (const Failure failure = FindServer(parser.WhoAndWhere(), server))
         return Report(failure);
-    const std::string line = WireLine(options.isLine ? words.front() : JoinShellWords(words));
+    line = WireLine(line);
     if (options.isDetached)
         return Detach(server, line, options);
     std::string request;
-    if (const Failure failure =
-            BuildRequest(server,
-                         {{line, "command"},
-                          {"NOSOCKET"},
-                          {"NOWINDOW"},
-                          {std::to_string(ReadDuration(options.lifeTimeOut).value_or(0))}},
-                         request))
+    if (const Failure failure = BuildRequest(
+            server,
+            {{line, "command"}, {"NOSOCKET"}, {"NOWINDOW"}, {std::to_string(options.command.LifeTimeOut())}},
+            request))
         return Report(failure);
     return WaitForLog(server, request);
 }

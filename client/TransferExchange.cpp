@@ -204,7 +204,7 @@ Failure TransferExchange::ReadRefusal()
         return {
             "the connection to " + server_.Name() +
             " was closed without an answer; the server may be ending, or something else may listen there"};
-    return {"what answers at " + server_.Name() + " is no RuvelServer: check host and port (-H HOST:PORT)"};
+    return NoServer(server_);
 }
 
 /** The server said something instead of connecting. */

@@ -4,6 +4,7 @@
 
 #include "client/Failure.h"
 #include "client/Output.h"
+#include "client/ServerRefusal.h"
 #include "client/SubcommandParser.h"
 
 namespace
@@ -22,19 +23,6 @@ Json MakeEntry(const TransferOutcome& outcome)
     entry["checkSum"] = outcome.checkSum;
     entry["seconds"] = outcome.seconds;
     return entry;
-}
-} // namespace
-
-void AddTransferOptions(CLI::App& app, TransferOptions& options)
-{
-    app.add_flag("-a,--ascii", options.isAscii, "Text: line ends travel as CR LF; cannot be resumed");
-    app.add_flag("-p,--passive", options.isPassive, "The server connects to this machine, not the other way");
-    app.add_flag("--in-place", options.isInPlace,
-                 "Straight into the target: a failure leaves a part of the file there");
-    app.add_flag("--json", options.isJson, "For programs: a summary as one JSON object, no bar");
-    app.add_option("--timeout", options.lifeTimeOut, "End each transfer after 90s, 10m, 2h; 0 is never")
-        ->type_name("DURATION")
-        ->check(CheckDuration);
 }
 
 std::string FormatOutcomesAsJson(const std::vector<TransferOutcome>& outcomes)
@@ -55,6 +43,41 @@ int ConcludeTransfers(const std::vector<TransferOutcome>& outcomes, bool isJson)
         if (const int error = WriteToStandardOutput(FormatOutcomesAsJson(outcomes) + "\n"))
             return Report(SystemFailure("the summary cannot be written", error));
     return exitCode;
+}
+} // namespace
+
+void AddTransferOptions(CLI::App& app, TransferOptions& options)
+{
+    app.add_flag("-a,--ascii", options.isAscii, "Text: line ends travel as CR LF; cannot be resumed");
+    app.add_flag("-p,--passive", options.isPassive, "The server connects to this machine, not the other way");
+    app.add_flag("--in-place", options.isInPlace,
+                 "Straight into the target: a failure leaves a part of the file there");
+    app.add_flag("--json", options.isJson, "For programs: a summary as one JSON object, no bar");
+    app.add_option("--timeout", options.lifeTimeOut, "End each transfer after 90s, 10m, 2h; 0 is never")
+        ->type_name("DURATION")
+        ->check(CheckDuration);
+}
+
+int MoveAll(std::vector<std::string> words, std::string target, std::string_view stream, bool isJson,
+            const MoveOne& move)
+{
+    if (words.size() > 1) {
+        target = words.back();
+        words.pop_back();
+    }
+    // The slash asks for a folder.
+    if (words.size() > 1 && target != stream && !target.ends_with('/'))
+        target += '/';
+    std::vector<TransferOutcome> outcomes;
+    for (const std::string& source : words) {
+        outcomes.emplace_back().source = source;
+        outcomes.back().target = target;
+        outcomes.back().failure = move(outcomes.back(), target);
+        // A refused password would be refused again, and each time slowly.
+        if (IsUserRefusal(outcomes.back().failure.serverWords))
+            break;
+    }
+    return ConcludeTransfers(outcomes, isJson);
 }
 
 std::string NameIn(const std::string& path)

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -36,10 +38,15 @@ struct TransferOutcome {
 
 void AddTransferOptions(CLI::App& app, TransferOptions& options);
 
-std::string FormatOutcomesAsJson(const std::vector<TransferOutcome>& outcomes);
-/** Reports the failures, prints the summary where it is wanted, and returns the code to exit with. */
-int ConcludeTransfers(const std::vector<TransferOutcome>& outcomes, bool isJson);
-
+/** Moves one file to the target and fills in what became of it; the failure it returns too. */
+using MoveOne = std::function<Failure(TransferOutcome& outcome, const std::string& target)>;
+/**
+ * Moves the files that the words name, to the last of them or, when there is only one word, to `target`.
+ * One target for several files is a folder, but for `stream`, which takes them one after another.
+ * Failures are reported and the summary is printed where it is wanted. The code to exit with.
+ */
+int MoveAll(std::vector<std::string> words, std::string target, std::string_view stream, bool isJson,
+            const MoveOne& move);
 /** The last name in a path, without slashes behind it. */
 std::string NameIn(const std::string& path);
 /** "name: resumed at 71 %". */
