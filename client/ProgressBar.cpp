@@ -156,8 +156,9 @@ void ProgressBar::Draw()
     progress_.seconds = Seconds();
     // One column is left free: a full line would make some terminals go to the next.
     std::string line = FormatProgress(name_, progress_, Terminal::ColumnsOf(STDERR_FILENO) - 1);
-    const std::size_t begin = line.find('[');
-    const std::size_t end = line.find(']', begin);
+    // The last ones: a name may have some too.
+    const std::size_t begin = line.rfind('[');
+    const std::size_t end = line.rfind(']');
     if (Terminal::MayColor(STDERR_FILENO) && begin != std::string::npos && end != std::string::npos) {
         line.insert(end, Plain);
         line.insert(begin + 1, Green);

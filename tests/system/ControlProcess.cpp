@@ -14,14 +14,19 @@
 
 #include "tests/system/Waiting.h"
 
+std::string ClientFolder()
+{
+    const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    return std::filesystem::canonical(tests / RUVEL_CLIENT_FOLDER);
+}
+
 ControlProcess::ControlProcess(int port, std::vector<std::string> arguments, ControlOptions options)
     : arguments_(std::move(arguments)),
       options_(std::move(options)),
       host_("127.0.0.1:" + std::to_string(port))
 {
     std::ofstream(directory_.Path() + "/input") << options_.input;
-    const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path() / RUVEL_CLIENT_FOLDER;
-    const int program = open((folder / options_.program).c_str(), O_PATH | O_CLOEXEC);
+    const int program = open((ClientFolder() + "/" + options_.program).c_str(), O_PATH | O_CLOEXEC);
     if (program < 0)
         throw std::runtime_error(options_.program + ": " + strerror(errno));
     id_ = fork();

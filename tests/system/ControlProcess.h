@@ -7,6 +7,9 @@
 
 #include "tests/system/ServerProcess.h"
 
+/** Where the client's programs are. */
+std::string ClientFolder();
+
 /** How a program is started: everything that may stand differently than in most tests. */
 struct ControlOptions {
     /** RuvelControl, or another name of the same program. */

@@ -1,4 +1,3 @@
-#include <filesystem>
 #include <fstream>
 
 #include <gmock/gmock.h>
@@ -6,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/system/ControlProcess.h"
 #include "tests/system/DaemonUnderTest.h"
 
 // Tools that drive remote machines through a remote shell, over two daemons of this machine. Each does real
@@ -22,11 +22,8 @@ protected:
     /** Runs a script with the ports in $P and $Q, in a folder of its own: its output, its code behind it. */
     std::string Run(const std::string& script)
     {
-        const auto programs =
-            std::filesystem::read_symlink("/proc/self/exe").parent_path() / RUVEL_CLIENT_FOLDER;
         std::ofstream(folder_.Path() + "/script")
-            << "cd " << folder_.Path()
-            << "\nexport HOME=$PWD PATH=" << std::filesystem::canonical(programs).string()
+            << "cd " << folder_.Path() << "\nexport HOME=$PWD PATH=" << ClientFolder()
             << ":$PATH RUVEL_PASSWORD_FILE=/dev/null P=" << one_.Port() << " Q=" << other_.Port()
             << " LC_ALL=C.UTF-8\nunset RUVEL_HOST RUVEL_USER\nexec 2>&1 </dev/null\n"
             << script;
