@@ -26,6 +26,7 @@ constexpr Subject Subjects[] = {
     {"live-launch live-nosocket live-info live-memory live-commands info-lines memory ends",
      MeasureLiveCommands},
     {"crowd silent-clients", MeasureCrowds},
+    {"run run-cpu run-output", MeasureControl},
 };
 
 /** Thousands of commands have a client each. */

@@ -31,4 +31,5 @@ void MeasureContinuation(const Extent& extent, Results& results);
 void MeasureCheckSums(const Extent& extent, Results& results);
 void MeasureStanding(const Extent& extent, Results& results);
 void MeasureLiveCommands(const Extent& extent, Results& results);
+void MeasureControl(const Extent& extent, Results& results);
 void MeasureCrowds(const Extent& extent, Results& results);
