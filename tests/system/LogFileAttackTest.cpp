@@ -49,9 +49,10 @@ protected:
     {
         mkdir(logs_.c_str(), 0);
         chmod(logs_.c_str(), 0777);
-        std::ofstream(secret_) << Secret;
-        EXPECT_EQ(chown(secret_.c_str(), victim_.UserId(), victim_.GroupId()), 0);
-        chmod(secret_.c_str(), 0600);
+        for (const auto& [path, user, group] : secrets_) {
+            EXPECT_EQ(MakeFile(path, 0600, Secret), 0);
+            EXPECT_EQ(chown(path.c_str(), user, group), 0);
+        }
         daemon_.emplace(DaemonOptions{.mode = {}, .logDirectory = logs_});
     }
 
@@ -60,16 +61,19 @@ protected:
     {
         return Join({Newest, account.Name(), account.Password(), command, mode, "NOWINDOW", "0"});
     }
-    /** The secret is as it was, under its one name. */
+    /** The secrets are as they were, each under its one name. */
     void ExpectUntouched() const
     {
-        struct stat facts {
-        };
-        ASSERT_EQ(stat(secret_.c_str(), &facts), 0);
-        EXPECT_EQ(facts.st_uid, victim_.UserId());
-        EXPECT_EQ(facts.st_mode, S_IFREG | 0600U);
-        EXPECT_EQ(facts.st_nlink, 1U);
-        EXPECT_EQ(ReadFile(secret_), Secret);
+        for (const auto& [path, user, group] : secrets_) {
+            struct stat facts {
+            };
+            ASSERT_EQ(stat(path.c_str(), &facts), 0);
+            EXPECT_EQ(facts.st_uid, user);
+            EXPECT_EQ(facts.st_gid, group);
+            EXPECT_EQ(facts.st_mode, S_IFREG | 0600U);
+            EXPECT_EQ(facts.st_nlink, 1U);
+            EXPECT_EQ(ReadFile(path), Secret);
+        }
     }
     void ExpectServing()
     {
@@ -87,8 +91,12 @@ protected:
         HeldCommand held{daemon_->Connect(), {}};
         held.client.Send(
             LaunchAs(account, command + "; until [ -e " + gate_ + " ]; do sleep 0.01; done; exit 7"));
-        EXPECT_TRUE(WaitUntil([&] { return daemon_->LogFiles().size() == 1; }));
-        held.log = logs_ + "/" + daemon_->LogFiles().at(0);
+        // With the command's first word in it the launch is over.
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::vector<std::string> names = daemon_->LogFiles();
+            held.log = logs_ + "/" + (names.size() == 1 ? names[0] : "");
+            return names.size() == 1 && !ReadFile(held.log).empty();
+        }));
         return held;
     }
     /** Lets it end: the whole answer. */
@@ -126,7 +134,15 @@ protected:
     const TestAccount victim_;
     const TestDirectory directory_;
     const std::string logs_ = directory_.Path() + "/logs";
+    struct OwnedFile {
+        std::string path;
+        uid_t user;
+        gid_t group;
+    };
     const std::string secret_ = directory_.Path() + "/secret";
+    const std::string rootsSecret_ = directory_.Path() + "/roots-secret";
+    const std::vector<OwnedFile> secrets_ = {{secret_, victim_.UserId(), victim_.GroupId()},
+                                             {rootsSecret_, 0, 0}};
     const std::string gate_ = directory_.Path() + "/gate";
     std::optional<DaemonUnderTest> daemon_;
 };
@@ -141,11 +157,11 @@ struct Thing {
     bool byRoot = false; // what an ordinary user cannot make, on this machine or at all
 };
 
-std::vector<Thing> MakeThings(const std::string& secret)
+std::vector<Thing> MakeThings(const std::string& secret, const std::string& rootsSecret)
 {
     return {
         {"a link to a file", [=](auto& name) { return symlink(secret.c_str(), name.c_str()); }},
-        {"a link to the passwords", [](auto& name) { return symlink("/etc/shadow", name.c_str()); }},
+        {"a link to root's file", [=](auto& name) { return symlink(rootsSecret.c_str(), name.c_str()); }},
         {"a link to what is not there",
          [=](auto& name) { return symlink((secret + "-2").c_str(), name.c_str()); }},
         {"a pipe", [](auto& name) { return mkfifo(name.c_str(), 0666); }},
@@ -163,32 +179,41 @@ std::vector<Thing> MakeThings(const std::string& secret)
 /** The names are no secret: a log's is made of the time and the command's number. */
 TEST_F(LogFileAttack, APlantedNameMakesTheLaunchFailAndNothingElse)
 {
-    using namespace std::chrono;
-    std::vector<Thing> things = MakeThings(secret_);
+    constexpr long long Span = 2000; // of the names that are planted, in milliseconds
+    const auto now = [] {
+        using namespace std::chrono;
+        return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+    };
+    std::vector<Thing> things = MakeThings(secret_, rootsSecret_);
     things.push_back({"a file", [](auto& name) { return MakeFile(name, 0666, {}); }});
+    int number = 0;      // of the next command: those that could not be launched do not count
+    long long lead = 50; // how long planting takes
     for (const Thing& thing : things) {
-        const auto plant = [&] {
-            umask(0);
-            const auto now = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-            for (auto time = now; time < now + 3000; ++time)
-                EXPECT_EQ(thing.put(logs_ + "/" + std::to_string(time / 1000) + "-" +
-                                    std::to_string(time % 1000) + "-0-RuvelServer.log"),
-                          0)
-                    << thing.what;
-        };
         std::string answer;
-        // On a busy machine a launch may come too late for the names: then it is tried again.
+        // On a busy machine the planting, or the launch, may come too late: then it is tried again.
         for (int attempt = 0; attempt < 10 && answer.find("NoThing") == std::string::npos; ++attempt) {
+            number += attempt == 0 ? 0 : 1;
             for (const std::string& name : daemon_->LogFiles())
                 remove((logs_ + "/" + name).c_str());
-            Act(thing.byRoot, plant);
+            const long long before = now(), begin = before + lead;
+            Act(thing.byRoot, [&] {
+                umask(0);
+                for (long long time = begin; time < begin + Span; ++time)
+                    EXPECT_EQ(thing.put(logs_ + "/" + std::to_string(time / 1000) + "-" +
+                                        std::to_string(time % 1000) + "-" + std::to_string(number) +
+                                        "-RuvelServer.log"),
+                              0)
+                        << thing.what;
+            });
+            lead = std::max(lead, 2 * (now() - before));
+            WaitUntil([&] { return now() >= begin; });
             answer = Ask(*daemon_, LaunchAs(victim_, "cat " + secret_));
         }
         EXPECT_THAT(
             answer,
             MatchesRegex(std::string("->RuvelServer [^\n]+\n->Error unable to open log file\\.\\.\\.\\(") +
                          logs_ +
-                         "/[0-9]+-[0-9]+-0-RuvelServer.log\\) : File exists\n"
+                         "/[0-9]+-[0-9]+-[0-9]+-RuvelServer.log\\) : File exists\n"
                          "->ProcessReturnCode = NoThing\n"))
             << thing.what;
         for (const std::string& name : daemon_->LogFiles())
@@ -201,7 +226,7 @@ TEST_F(LogFileAttack, APlantedNameMakesTheLaunchFailAndNothingElse)
 
 TEST_F(LogFileAttack, WhatReplacesALogIsNotDelivered)
 {
-    std::vector<Thing> things = MakeThings(secret_);
+    std::vector<Thing> things = MakeThings(secret_, rootsSecret_);
     things.push_back({"nothing", [](auto&) { return 0; }});
     things.push_back({"a folder with something in it", [](auto& name) {
                           return mkdir(name.c_str(), 0777) + mkdir((name + "/more").c_str(), 0777);
@@ -212,7 +237,7 @@ TEST_F(LogFileAttack, WhatReplacesALogIsNotDelivered)
     things.push_back({"another's file by its only name",
                       [this](auto& name) {
                           return MakeFile(name, 0600, Secret) +
-                                 chown(name.c_str(), victim_.UserId(), victim_.GroupId());
+                                 lchown(name.c_str(), victim_.UserId(), victim_.GroupId());
                       },
                       true});
     things.push_back({"root's file", [](auto& name) { return MakeFile(name, 0644, Secret); }, true});
