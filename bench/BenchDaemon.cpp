@@ -18,21 +18,23 @@ constexpr useconds_t LookPause = 200; // between two tries to be served
 constexpr int Looks = 50000;
 } // namespace
 
-BenchDaemon::BenchDaemon()
+BenchDaemon::BenchDaemon(Mode mode)
 {
     for (int attempt = 0; attempt < Attempts; ++attempt)
-        if (Start())
+        if (Start(mode))
             return;
     throw std::runtime_error("the daemon does not start");
 }
 
-bool BenchDaemon::Start()
+bool BenchDaemon::Start(Mode mode)
 {
     port_ = ChoosePort();
+    Arguments arguments{ProgramPath("daemon/RuvelServer"), "-port", std::to_string(port_), "-logdirectory",
+                        directory_.Path()};
+    if (mode == Mode::SingleUser)
+        arguments.insert(arguments.end(), {"-noinstall", "-nocheck"});
     const double begin = NowInMicroseconds();
-    process_.emplace(Arguments{ProgramPath("daemon/RuvelServer"), "-noinstall", "-nocheck", "-port",
-                               std::to_string(port_), "-logdirectory", directory_.Path()},
-                     directory_ / "trace");
+    process_.emplace(arguments, directory_ / "trace");
     const bool serves = WaitUntilItServes();
     startMilliseconds_ = (NowInMicroseconds() - begin) / 1000;
     return serves;

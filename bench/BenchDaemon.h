@@ -6,13 +6,15 @@
 #include "bench/Child.h"
 
 /**
- * A daemon of this build in single user mode without passwords, on a free pair of ports and with a log
- * directory of its own in memory. It serves when the constructor returns, and ends with the object.
+ * A daemon of this build, in single user mode without passwords or installed, on a free pair of ports and
+ * with a log directory of its own in memory. It serves when the constructor returns, and ends with the
+ * object.
  */
 class BenchDaemon
 {
 public:
-    BenchDaemon();
+    enum class Mode { SingleUser, Installed };
+    explicit BenchDaemon(Mode mode = Mode::SingleUser);
 
     pid_t Id() const { return process_->Id(); }
     int Port() const { return port_; }
@@ -20,7 +22,7 @@ public:
     double StartMilliseconds() const { return startMilliseconds_; }
 
 private:
-    bool Start();
+    bool Start(Mode mode);
     bool WaitUntilItServes();
 
     MemoryFolder directory_;

@@ -26,8 +26,9 @@ void GiveVerdict(WaitingClient& client, Verdict verdict)
 {
     client.verdict = verdict;
     client.state = verdict == Verdict::Good ? State::Complete : State::Refused;
+    // One more, as the clock cuts off what is less than a millisecond.
     client.stateDeadline =
-        verdict == Verdict::Good ? Deadline::Never : client.completedAt + UserChecks::RefusalDelay;
+        verdict == Verdict::Good ? Deadline::Never : client.completedAt + UserChecks::RefusalDelay + 1;
 }
 
 in_addr_t AddressOf(const WaitingClient* client)
