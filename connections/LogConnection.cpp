@@ -156,7 +156,8 @@ void LogConnection::TransferWhole(BaseSocket& socket, OpenFile& log, const long 
 
 void LogConnection::TransferStream(BaseSocket& socket, OpenFile& log)
 {
-    WriteAndTrace(socket, protocol::BannerLine);
+    if (WriteAndTrace(socket, protocol::BannerLine) != 0)
+        return;
     ProgressReport progress(GetStatusBoard(), protocol::SentLead);
     long long bytesSent = 0;
     char block[BlockSize];

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "connections/WorkerStatus.h"
 #include "protocol/ConnectionTexts.h"
@@ -17,6 +18,7 @@ namespace
 {
 constexpr unsigned StatusBoardSize = 4096;
 constexpr int ExitWithoutRoutine = 111;
+constexpr int ExitOutOfMemory = 112;
 
 void TellForkFailure()
 {
@@ -124,8 +126,15 @@ int ThreadOrProcessConnection::_InitThreadOrProcess(ChildId& worker,
         TellForkFailure();
         return 1;
     }
-    if (processId == 0)
-        RunInWorker(routine, socketsToClose, daemonProcessId);
+    if (processId == 0) {
+        // Past this frame the worker would go on as a second daemon.
+        try {
+            RunInWorker(routine, socketsToClose, daemonProcessId);
+        } catch (const std::bad_alloc&) {
+            BaseString::PutTrace("Error out of memory in a worker", 1);
+        }
+        _exit(ExitOutOfMemory);
+    }
     worker = ChildTable::Enter(processId);
     return 0;
 }

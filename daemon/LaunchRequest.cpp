@@ -2,6 +2,8 @@
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 
+#include <new>
+
 namespace
 {
 
@@ -31,6 +33,21 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
         return Dismiss(*command);
     }
 
+    try {
+        Supervise(command, client);
+    } catch (const std::bad_alloc&) {
+        // What nobody looks after must not run.
+        command->GetProcess().KillBaseProcess(1);
+        if (!arguments.socketMode)
+            command->DeleteOutputFile(0);
+        throw;
+    }
+}
+
+/** The command has been started: it joins the others. Left with the caller when memory runs out. */
+void RuvelServer::Supervise(std::unique_ptr<BaseConnection>& command, const WaitingClient& client)
+{
+    const LaunchArguments& arguments = client.launch;
     command->SetAttributes(arguments.socketFlag, arguments.user, BaseString::GetTimeInSec(),
                            arguments.command, connectionCount_, client.versionIndex, serverAddress_,
                            serverPort_);
@@ -44,6 +61,7 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
         WriteToBaseConnectionSocket(command.get(), QORUnicodeString(answer), 0);
         Dismiss(*command);
     }
+    commands_.MakeRoom();
     commandOf_[command->GetProcess().GetProcessId()] = command.get();
     commands_.Append(command.release());
     ++connectionCount_;

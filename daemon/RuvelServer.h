@@ -147,6 +147,7 @@ private:
 
     // One family of requests each.
     void ServeLaunch(WaitingClient& client);
+    void Supervise(std::unique_ptr<BaseConnection>& command, const WaitingClient& client);
     int StartCommand(BaseConnection& command, const LaunchArguments& arguments);
     QORUnicodeString NextLogFileName() const;
     void ServeInfo(WaitingClient& client);
@@ -211,6 +212,8 @@ private:
     std::unordered_map<long, BaseConnection*> commandOf_;
     /** Process ids of children that have ended and have not been looked at. */
     std::deque<long> ends_;
+    /** Memory ran out while ends were reported. */
+    bool isUnfinished_ = false;
     /** Workers that answer ALLINFO. */
     std::vector<std::unique_ptr<ReportConnection>> reports_;
     /** Clients on their way out whose sockets other users have shared. */

@@ -1,5 +1,6 @@
 #include "daemon/RuvelServer.h"
 
+#include <new>
 #include <string>
 
 #include "connections/WorkerStatus.h"
@@ -20,13 +21,17 @@ constexpr long long FarewellPause = 100;
 void RuvelServer::CheckForLaunchedCommand()
 {
     // Nobody's end is unreported: so a turn costs nothing however many commands live.
-    if (ChildTable::CountOfUnaskedEnds() == 0)
+    if (ChildTable::CountOfUnaskedEnds() == 0 && !isUnfinished_)
         return;
+    isUnfinished_ = true; // should a report break off, the next turn goes on with it
+    logs_.RemoveNulls();
+    transfers_.RemoveNulls();
     CheckLogs();
     CheckTransfers();
     CheckCommands();
     CheckReports();
     CheckFarewells();
+    isUnfinished_ = false;
 }
 
 void RuvelServer::CheckLogs()
@@ -67,7 +72,13 @@ void RuvelServer::CheckCommands()
         if (ended == commandOf_.end() || IsBeingEnded(*ended->second) ||
             !ended->second->GetProcess().CheckForProcess(code))
             continue;
-        ReportCommand(*TakeCommand(ended->second), code);
+        const auto command = TakeCommand(ended->second);
+        try {
+            ReportCommand(*command, code);
+        } catch (const std::bad_alloc&) {
+            command->DeleteOutputFile(DeletionLimit);
+            throw;
+        }
     }
 }
 
@@ -104,6 +115,7 @@ void RuvelServer::ReportCommand(BaseConnection& command, int code)
     }
     QORListPtrBaseSocket sockets(0);
     GetListOfSocketToClose(sockets);
+    logs_.MakeRoom(); // a worker that runs must not be lost
     if (log->StartThreadOrProcess(sockets) == 0) {
         logs_.Append(log.release());
         return;
@@ -114,6 +126,7 @@ void RuvelServer::ReportCommand(BaseConnection& command, int code)
                                                          .append(protocol::LogNotStarted)
                                                          .append(protocol::ReturnCodeLine(code))),
                                     0);
+    command.DeleteOutputFile(DeletionLimit);
     Dismiss(*log);
 }
 
@@ -236,6 +249,8 @@ int RuvelServer::WriteToBaseConnectionSocket(Connection* connection, const QORUn
     connection->GetSendQueue().Append(text.View());
     if (connection->GetSendQueue().Flush(connection->GetSocket()) != SendQueue::Result::Failed)
         return 0;
+    // Should it still stand: nothing may come behind the gap, neither from here nor from a command.
+    connection->GetSocket().ShutdownBoth();
     BaseString::PutTrace(connection->GetSocket().BaseSocketGetLastError(), 1);
     return 1;
 }

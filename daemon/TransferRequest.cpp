@@ -45,6 +45,7 @@ void RuvelServer::ServeTransfer(WaitingClient& client)
     QORListPtrBaseSocket sockets(0);
     TakeSocket(client, *transfer);
     GetListOfSocketToClose(sockets);
+    transfers_.MakeRoom(); // a worker that runs must not be lost
     if (transfer->StartThreadOrProcess(sockets) != 0) {
         const std::string text = std::string(protocol::Error)
                                      .append(UniversalSeparator)

@@ -1,6 +1,7 @@
 #include "daemon/UserChecks.h"
 
 #include <algorithm>
+#include <new>
 
 #include "support/Clock.h"
 #include "support/PasswordCheck.h"
@@ -41,6 +42,7 @@ in_addr_t AddressOf(const WaitingClient* client)
 UserChecks::UserChecks() : processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
 {
     PasswordCheck::ShareExperience();
+    running_.reserve(MostAtOnce); // a check that runs must not be lost when memory is short
 }
 
 void UserChecks::Enqueue(WaitingClient& client)
@@ -60,16 +62,26 @@ void UserChecks::CollectVerdicts()
     });
 }
 
+bool UserChecks::Start(WaitingClient& client,
+                       const std::function<void(QORListPtrBaseSocket&)>& socketsToClose)
+{
+    try {
+        QORListPtrBaseSocket sockets(0);
+        socketsToClose(sockets);
+        // Not before: what the queue holds is in memory that no worker gets to see.
+        client.connection.SetCredentials(client.fields[2], client.fields[3]);
+        return client.connection.StartThreadOrProcess(sockets) == 0;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void UserChecks::StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& socketsToClose)
 {
     while (!waiting_.empty() && HasRoom()) {
         WaitingClient* client = TakeNext();
         lastStart_ = Clock::SteadyMilliseconds();
-        QORListPtrBaseSocket sockets(0);
-        socketsToClose(sockets);
-        // Not before: what the queue holds is in memory that no worker gets to see.
-        client->connection.SetCredentials(client->fields[2], client->fields[3]);
-        if (client->connection.StartThreadOrProcess(sockets) == 0)
+        if (Start(*client, socketsToClose))
             running_.push_back(client);
         else
             GiveVerdict(*client, Verdict::Unchecked);

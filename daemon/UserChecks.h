@@ -48,6 +48,8 @@ public:
 
 private:
     bool HasRoom() const;
+    static bool Start(WaitingClient& client,
+                      const std::function<void(QORListPtrBaseSocket&)>& socketsToClose);
     WaitingClient* TakeNext();
 
     std::size_t processors_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <unordered_map>
 
 #include "support/BaseString.h"
@@ -16,8 +17,8 @@ using State = WaitingClient::State;
 
 void DropUnanswered(WaitingClient& client, const QORUnicodeString& reason)
 {
-    BaseString::PutTrace("Error unable to read request : ", reason, 1);
     client.state = State::Gone;
+    BaseString::PutTrace("Error unable to read request : ", reason, 1);
 }
 
 /** The request is whole: what it asks for is looked at when its turn to be served comes. */
@@ -86,8 +87,8 @@ bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<void()
     const long long now = Clock::SteadyMilliseconds();
     client->connection.SetPeer(address, now);
     client->readDeadline = now + 1000LL * readTimeOut_;
-    ++readingCount_;
     clients_.push_back(std::move(client));
+    ++readingCount_;
     // The request usually comes with the connection: looking at once saves a turn.
     Read(*clients_.back());
     return true;
@@ -101,7 +102,20 @@ void WaitingClients::TraceExhaustion(const QORUnicodeString& reason)
     exhausted_ = true;
 }
 
+/** What has been received and cannot be kept is lost: its client would wait for an answer in vain. */
 void WaitingClients::Read(WaitingClient& client)
+{
+    try {
+        Receive(client);
+    } catch (const std::bad_alloc&) {
+        client.state = State::Gone;
+        BaseString::PutTrace("Error unable to read request : out of memory", 1);
+    }
+    if (client.state != State::Reading)
+        --readingCount_;
+}
+
+void WaitingClients::Receive(WaitingClient& client)
 {
     std::array<char, 65536> buffer;
     BaseSocket& socket = client.connection.GetSocket();
@@ -128,8 +142,6 @@ void WaitingClients::Read(WaitingClient& client)
                 Complete(client);
         }
     }
-    if (client.state != State::Reading)
-        --readingCount_;
 }
 
 void WaitingClients::CheckDeadlines(WaitingClient& client, long long now)

@@ -57,6 +57,7 @@ public:
 private:
     bool AcceptOne(BaseSocket& listening, const std::function<void()>& freeDescriptor);
     void Read(WaitingClient& client);
+    void Receive(WaitingClient& client);
     void CheckDeadlines(WaitingClient& client, long long now);
     void TraceExhaustion(const QORUnicodeString& reason);
 

@@ -271,3 +271,9 @@ void BaseSocket::ShutdownSending()
     if (descriptor_ >= 0)
         shutdown(descriptor_, SHUT_WR);
 }
+
+void BaseSocket::ShutdownBoth()
+{
+    if (descriptor_ >= 0)
+        shutdown(descriptor_, SHUT_RDWR);
+}

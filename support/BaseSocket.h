@@ -96,6 +96,8 @@ public:
     long SendAvailable(std::string_view bytes);
     /** Ends the sending side: the peer sees the end of the stream once it has read what was sent. */
     void ShutdownSending();
+    /** Ends the connection for everybody who holds it; the descriptor stays open. */
+    void ShutdownBoth();
 
     /** This machine's host name when `address` is null, else the name of that address. */
     int GetHostName(QORUnicodeString& name, const sockaddr_in* address);

@@ -28,20 +28,19 @@ iovec Piece(const char* text)
     return iovec{const_cast<char*>(text), strlen(text)};
 }
 
-[[noreturn]] void GiveUp(const char* what, int error)
+[[noreturn]] void GiveUp(const char* what, int error, int errorStream = STDERR_FILENO)
 {
     const char* reason = strerrordesc_np(error); // strerror() may allocate
     const iovec line[] = {Piece("Error unable to start command, "), Piece(what), Piece(" : "),
                           Piece(reason == nullptr ? "unknown error" : reason), Piece("\n")};
-    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, line, sizeof line / sizeof *line);
+    [[maybe_unused]] const ssize_t written = writev(errorStream, line, sizeof line / sizeof *line);
     _exit(error == ENOENT ? NotFound : CannotRun);
 }
 
 void TakeStandardDescriptors(const CommandChild& child)
 {
-    // Without its error stream in place there is nobody to tell.
     if (dup2(child.outputAndError, STDERR_FILENO) < 0)
-        _exit(CannotRun);
+        GiveUp("standard streams", errno, child.outputAndError);
     if (dup2(child.outputAndError, STDOUT_FILENO) < 0 || dup2(child.input, STDIN_FILENO) < 0)
         GiveUp("standard streams", errno);
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <new>
 #include <unordered_set>
 
 #include <poll.h>
@@ -123,8 +124,9 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     }
     grown_ = true;
     members_.insert(processId);
-    Send(member, SIGSTOP);
+    // Stopped only once it is known: nobody else would let it go on.
     tree_.members_.push_back(std::move(member));
+    Send(tree_.members_.back(), SIGSTOP);
 }
 
 void ProcessTree::Search::Walk()
@@ -202,12 +204,9 @@ void ProcessTree::LetGoOfEnded()
     std::erase_if(members_, HasEnded);
 }
 
-void ProcessTree::Signal(int signal)
+/** Stops the members from the top until no new one appears; true when the command itself is among them. */
+bool ProcessTree::StopAll()
 {
-    if (command_.IsNone())
-        return;
-    lastSignal_ = signal;
-    LetGoOfEnded();
     Search search(*this);
     const long long start = Clock::SteadyMilliseconds();
     int naps = 0;
@@ -223,11 +222,26 @@ void ProcessTree::Signal(int signal)
             break;
         Nap();
     }
+    return search.Holds(static_cast<pid_t>(command_.processId));
+}
+
+void ProcessTree::Signal(int signal)
+{
+    if (command_.IsNone())
+        return;
+    lastSignal_ = signal;
+    LetGoOfEnded();
+    bool isCommandHeld = false;
+    try {
+        isCommandHeld = StopAll();
+    } catch (const std::bad_alloc&) {
+        // Those that have been found are signalled, and none is left stopped.
+    }
     for (const Member& member : members_)
         Send(member, signal);
     // With not one descriptor left nobody can be looked for. The command itself needs no proof.
     const auto command = static_cast<pid_t>(command_.processId);
-    if (!search.Holds(command) && ChildTable::IsRunning(command_))
+    if (!isCommandHeld && ChildTable::IsRunning(command_))
         kill(command, signal);
     // Everything but a forced end waits until the process runs again.
     for (const Member& member : members_)

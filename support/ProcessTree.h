@@ -52,6 +52,7 @@ private:
     static int Send(const Member& member, int signal);
     static bool HasEnded(const Member& member);
     void LetGoOfEnded();
+    bool StopAll();
 
     ChildId command_;
     std::string mark_;

@@ -39,6 +39,12 @@ public:
     explicit QORListPtr(int initialCapacity) { pointers_.reserve(static_cast<size_t>(initialCapacity)); }
 
     void Append(T* pointer) { pointers_.push_back(pointer); }
+    /** The next Append() needs no memory. */
+    void MakeRoom()
+    {
+        if (pointers_.size() == pointers_.capacity())
+            pointers_.reserve(2 * pointers_.size() + 1);
+    }
     int Size() const { return static_cast<int>(pointers_.size()); }
     T*& operator[](int position) { return pointers_[static_cast<size_t>(position - 1)]; }
     T* operator[](int position) const { return pointers_[static_cast<size_t>(position - 1)]; }

@@ -4,8 +4,14 @@
 #include <climits>
 
 #include <poll.h>
+#include <unistd.h>
 
 #include "support/Clock.h"
+
+namespace
+{
+constexpr useconds_t ScarcityPause = 10000; // microseconds until the next attempt
+} // namespace
 
 long long DeadlineIn(int seconds)
 {
@@ -22,7 +28,10 @@ int WaitForDescriptor(int descriptor, short events, long long deadline)
         const int ready = poll(&waited, 1, static_cast<int>(left < INT_MAX ? left : INT_MAX));
         if (ready > 0)
             return 0;
-        if (ready < 0 && errno != EINTR)
+        if (ready < 0 && errno != EINTR && errno != ENOMEM)
             return errno;
+        // A connection must not be given up, and made again, because memory is short for a moment.
+        if (ready < 0 && errno == ENOMEM)
+            usleep(ScarcityPause);
     }
 }
