@@ -191,6 +191,18 @@ std::string Client::ReadToEnd()
     return Take(arrived_.size());
 }
 
+std::string Client::ReadUntilOrEnd(std::string_view text)
+{
+    const Deadline deadline;
+    Arrival arrival = Arrival::Bytes;
+    size_t found = std::string::npos;
+    const auto search = [&] { return text.empty() ? std::string::npos : arrived_.find(text); };
+    while (arrival == Arrival::Bytes && (found = search()) == std::string::npos)
+        arrival = ReceiveMore(deadline);
+    EXPECT_TRUE(arrival != Arrival::Late) << "neither \"" << text << "\" nor the end came";
+    return Take(found == std::string::npos ? arrived_.size() : found + text.size());
+}
+
 void Client::ExpectDropped()
 {
     const Arrival arrival = ReceiveMore(Deadline());
@@ -227,6 +239,12 @@ Collector::Collector(Dialogue& dialogue) : descriptor_(MakeSocket()), port_(0), 
 Collector::~Collector()
 {
     close(descriptor_);
+}
+
+bool Collector::HasArrived() const
+{
+    pollfd waiting{descriptor_, POLLIN, 0};
+    return poll(&waiting, 1, 0) > 0;
 }
 
 Client Collector::Accept()

@@ -47,6 +47,9 @@ public:
     std::string ReadExactly(size_t bytes);
     /** Everything up to the end of the stream, then closes. A stream that was reset instead is a failure. */
     std::string ReadToEnd();
+    /** Up to and with the first `text`, or what came before the connection ended in whatever way; without a
+     * text always the latter. */
+    std::string ReadUntilOrEnd(std::string_view text = {});
     /** Expects the connection to go, in an orderly way or not, without a further byte; then closes. */
     void ExpectDropped();
 
@@ -76,6 +79,8 @@ public:
     ~Collector();
 
     int Port() const { return port_; }
+    /** Somebody has connected and waits to be accepted. */
+    bool HasArrived() const;
     Client Accept();
 
 private:

@@ -18,6 +18,8 @@ struct DaemonOptions {
     std::string logDirectory = {};
     /** The daemon whose ladders of ending work are a thirtieth as long. */
     bool shortLadders = false;
+    /** What a line of its error output may hold without a failure of the test. */
+    std::vector<std::string> toleratedErrors = {};
 };
 
 /**
@@ -53,6 +55,7 @@ private:
 
     TestDirectory directory_;
     std::string logDirectory_;
+    std::vector<std::string> toleratedErrors_;
     int port_ = 0;
     Dialogue dialogue_;
     std::unique_ptr<ServerProcess> process_;

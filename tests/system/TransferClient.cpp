@@ -1,5 +1,7 @@
 #include "tests/system/TransferClient.h"
 
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 namespace
@@ -42,6 +44,27 @@ Client TransferClient::OpenData(std::string_view keyword)
         return Client(std::stoi(port), data_);
     EXPECT_EQ(port, "0|");
     return collector_->Accept();
+}
+
+std::optional<Client> TransferClient::TryToOpenData(std::string_view keyword, std::string& said)
+{
+    if (said.empty())
+        said = control_.ReadUntilOrEnd("|");
+    if (said != std::string(keyword) + "|")
+        return std::nullopt;
+    const std::string port = control_.ReadUntilOrEnd("|");
+    said += port + control_.ReadUntilOrEnd(BannerLine);
+    if (!said.ends_with(BannerLine))
+        return std::nullopt;
+    if (collector_) {
+        WaitUntil([this] { return collector_->HasArrived() || control_.HasArrived(); });
+        return collector_->HasArrived() ? std::optional<Client>(collector_->Accept()) : std::nullopt;
+    }
+    try {
+        return Client(std::stoi(port), data_);
+    } catch (const std::runtime_error&) { // the worker has gone, and its port with it
+        return std::nullopt;
+    }
 }
 
 void TransferClient::ReplyToOffer(const std::string& expectedOffer, std::string_view reply)

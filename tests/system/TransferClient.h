@@ -35,6 +35,11 @@ public:
     /** What else comes on the control connection, up to its end. */
     std::string Finish() { return control_.ReadToEnd(); }
     Client& Control() { return control_; }
+    /**
+     * The same for a transfer that may fail: nothing when there is no data connection to be had. `said` is
+     * what has been read of the answer; more of it is added.
+     */
+    std::optional<Client> TryToOpenData(std::string_view keyword, std::string& said);
 
     /** A get from its answer to its end: the bytes of the data connection, and what Finish() returns. */
     std::string Get(std::string& bytes, std::string_view keyword = "WRITE");
