@@ -145,7 +145,7 @@ Failure Get::ReceiveAll(TransferExchange& exchange, bool isAscii)
     if (Failure failure = ReceiveBlocks(data, isAscii))
         return failure;
     data.Close();
-    return exchange.Conclude();
+    return exchange.Conclude(data);
 }
 
 Failure Get::ReceiveBlocks(ServerConnection& data, bool isAscii)

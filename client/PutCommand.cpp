@@ -183,7 +183,7 @@ Failure Put::SendAll(TransferExchange& exchange)
     const Failure sending = SendBlocks(data);
     data.EndSending();
     // Closed later: a proxy may still have bytes to pass on.
-    const Failure concluded = exchange.Conclude();
+    const Failure concluded = exchange.Conclude(data);
     // Where the server knows why it took no more, that says more than a broken connection.
     return sending && concluded.serverWords.empty() ? sending : concluded;
 }

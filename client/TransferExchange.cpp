@@ -12,6 +12,7 @@
 #include "client/ServerRequest.h"
 #include "protocol/Texts.h"
 #include "protocol/TransferTexts.h"
+#include "support/Clock.h"
 
 namespace
 {
@@ -20,6 +21,8 @@ constexpr std::string_view DeclineWord = "DECLINE";
 /** Behind a proxy the digits that end an offer may come in two pieces. */
 constexpr int OfferSilence = 50; // milliseconds
 constexpr int OfferItems = 4;
+/** Once the data connection has ended the server's word on it is on its way: milliseconds. */
+constexpr long long PatienceWithEnd = 30'000;
 
 std::vector<std::string_view> SplitItems(std::string_view text, std::size_t mostItems)
 {
@@ -70,6 +73,9 @@ Failure TransferExchange::Begin(const TransferRequest& request, TransferAnswer& 
     isPassive_ = request.isPassive;
     if (isPassive_ && !server_.proxy.empty())
         return {"the server cannot connect to this machine through a proxy: leave out --passive"};
+    if (!server_.proxy.empty() && server_.proxy.find("%p") == std::string::npos)
+        return {
+            "a transfer has a second connection, to another port: a --proxy without %p cannot lead there"};
     if (Failure failure = control_.Connect(server_))
         return failure;
     if (Failure failure = SendRequest(request))
@@ -102,11 +108,10 @@ Failure TransferExchange::OpenData(ServerConnection& data)
     return AcceptData(data);
 }
 
-Failure TransferExchange::Conclude()
+Failure TransferExchange::Conclude(const ServerConnection& data)
 {
-    while (!isAtEnd_)
-        if (Failure failure = control_.Receive(arrived_, isAtEnd_))
-            return failure;
+    if (Failure failure = ReceiveEnd(data))
+        return failure;
     const std::size_t lead = arrived_.rfind(protocol::ReturnCodeLead);
     if (lead == std::string::npos)
         return {"the connection to " + server_.Name() + " was cut before the end of the transfer; try again"};
@@ -117,6 +122,29 @@ Failure TransferExchange::Conclude()
     return {server_.Name() +
                 " could not move the whole file: its trace says why (a full disk, a lost connection)",
             arrived_.substr(lead + protocol::LineLead.size(), arrived_.size() - lead - 3)};
+}
+
+/** Where a proxy lost the data connection the server still waits for it, and would do so for long. */
+Failure TransferExchange::ReceiveEnd(const ServerConnection& data)
+{
+    long long givesUpAt = data.IsOpen() ? 0 : Clock::SteadyMilliseconds() + PatienceWithEnd;
+    while (!isAtEnd_) {
+        std::array<pollfd, 2> ready = {
+            {{control_.Descriptor(), POLLIN, 0}, {givesUpAt == 0 ? data.Descriptor() : -1, POLLIN, 0}}};
+        const long long left = givesUpAt - Clock::SteadyMilliseconds();
+        if (givesUpAt != 0 && left <= 0)
+            return {"the data connection has ended, and " + server_.Name() +
+                    " does not say that the transfer has; check what stands between"};
+        if (poll(ready.data(), ready.size(), givesUpAt == 0 ? -1 : static_cast<int>(left)) < 0)
+            continue;
+        if (ready[0].revents != 0) {
+            if (Failure failure = control_.Receive(arrived_, isAtEnd_))
+                return failure;
+        } else if (ready[1].revents != 0) {
+            givesUpAt = Clock::SteadyMilliseconds() + PatienceWithEnd;
+        }
+    }
+    return {};
 }
 
 /** Opens a port for the server to connect to, and finds the address under which it sees this machine. */
@@ -210,7 +238,7 @@ Failure TransferExchange::ReadRefusal()
 /** The server said something instead of connecting. */
 Failure TransferExchange::ReceiveEarlyEnd()
 {
-    if (Failure failure = Conclude())
+    if (Failure failure = Conclude({}))
         return failure;
     return {"the transfer ended before the server had connected; try again without --passive"};
 }

@@ -58,10 +58,14 @@ public:
     Failure Reply(bool wantsRest, TransferAnswer& answer);
     Failure Decline();
     Failure OpenData(ServerConnection& data);
-    /** Waits for the server's word that the transfer has ended; anything but success is a failure. */
-    Failure Conclude();
+    /**
+     * Waits for the server's word that the transfer has ended; anything but success is a failure. `data` is
+     * open, and gets nothing more but its end, or closed.
+     */
+    Failure Conclude(const ServerConnection& data);
 
 private:
+    Failure ReceiveEnd(const ServerConnection& data);
     Failure Listen(std::string& host, int& port);
     Failure SendRequest(const TransferRequest& request);
     Failure ReceiveAnswer(TransferAnswer& answer);

@@ -175,7 +175,8 @@ over put data $PWD/to/; cmp data to/data
 head -c 2000000 data >.back.ruvelpart
 over get $PWD/to/data back 2>&1 | sed "s|$PWD||"; cmp data back
 over put --passive data $PWD/to/no || ls to
+RuvelControl put -H 127.0.0.1:$P --proxy "ssh -F ssh_config -W 127.0.0.1:$P gateway" data $PWD/to/no 2>err || ls to
 )sh"),
         "7\nRuvelControl: /to/data: resumed at 66 %\nRuvelControl: data: the server cannot connect to this "
-        "machine through a proxy: leave out --passive\ndata\ncode 0");
+        "machine through a proxy: leave out --passive\ndata\ndata\ncode 0");
 }

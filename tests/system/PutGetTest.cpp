@@ -154,6 +154,10 @@ TEST_F(PutGet, AFailureSaysWhyAndTouchesNothing)
     ExpectFailed(Run({"get", There("none"), Here("file")}), "No such file");
     ExpectFailed(Run({"get", there_.Path(), Here("file")}), "Is a folder");
     ExpectFailed(Run({"get", There("file"), Here("none/")}), "there is no folder");
+    Client other = daemon_.Connect();
+    other.Send("RuvelControl V1.9|" + OwnUser() + "||TRANSFERPUT|BINARY|" + There("busy") + "|0");
+    other.ReadUntil("(Unix)\n");
+    ExpectFailed(Run({"put", "--in-place", Here("file"), There("busy")}), "another transfer");
     // A part that is somebody else's: what it leads to must not be written.
     WriteFile(Here("precious"), "kept");
     for (const std::string& side : {here_.Path(), there_.Path()}) {

@@ -122,8 +122,8 @@ TEST(Terminal, ABarIsDrawnWhereItCanBe)
     TestDirectory folder;
     std::ofstream(folder.Path() + "/file[1]") << std::string(2'000'000, 'x');
     for (const std::string terminal : {"TERM=xterm", "TERM=dumb"}) {
-        Screen put(daemon.Port(), {"put", "--batch", folder.Path() + "/file[1]", folder.Path() + "/" + terminal},
-                   terminal);
+        Screen put(daemon.Port(),
+                   {"put", "--batch", folder.Path() + "/file[1]", folder.Path() + "/" + terminal}, terminal);
         EXPECT_EQ(put.WaitForEnd(), 0);
         if (terminal == "TERM=dumb") {
             EXPECT_EQ(put.Shown(), "");
