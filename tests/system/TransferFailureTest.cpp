@@ -66,6 +66,7 @@ TEST_F(TransferFailure, TheSystemsReasonIsTold)
         {"TRANSFERGET", file_, get, "No such file or directory"},
         {"TRANSFERUPDATEGET", file_, get, "No such file or directory"},
         {"TRANSFERGET", "", get, "No such file or directory"},
+        {"TRANSFERGET", file_ + std::string("\0hidden", 7), get, "Invalid argument"},
         {"TRANSFERPUT", missing, put, "No such file or directory"},
         {"TRANSFERUPDATEPUT", missing, put, "No such file or directory"},
         {"TRANSFERPUT", directory_.Path(), put, "Is a directory"},
@@ -78,6 +79,11 @@ TEST_F(TransferFailure, TheSystemsReasonIsTold)
         }
     }
     EXPECT_EQ(ListDirectory(directory_.Path()), std::vector<std::string>{});
+    // What cannot be written is no half file: it is not removed.
+    ASSERT_EQ(symlink("/dev/full", file_.c_str()), 0);
+    TransferClient full(daemon_, {.keyword = "TRANSFERPUT", .file = file_});
+    EXPECT_EQ(full.Put("does not fit"), Transferred(1));
+    EXPECT_EQ(access(file_.c_str(), F_OK), 0);
 }
 
 /** The transfer fails for its client in the middle; what becomes of the file. */

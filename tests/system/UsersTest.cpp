@@ -141,6 +141,13 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
     for (const char* kill : {"KILL", "KILLTREE", "FORCEKILL", "FORCEKILLTREE"})
         table.push_back({KeywordAs(wrong, kill) + "|0", Reason + "\n"});
 
+    for (const auto& [keyword, refusal] :
+         {std::pair("TRANSFERGET", "WRITEERROR|"), {"TRANSFERPUT", "READERROR|"}})
+        table.push_back(
+            {Join({Newest, name, "wrong", keyword, "BINARY", account.Home() + "/" + keyword, "0"}),
+             refusal + std::string(BannerLine) + "->Error unable to impersonate : " + Reason.substr(2) +
+                 "\n" + ReturnLine(1)});
+
     EXPECT_GE(ExpectAnswers(daemon, table), Hold);
     EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo still here")), Finished("still here\n", 0));
 }
@@ -248,17 +255,24 @@ TEST(Users, ATransferReachesWhatItsUserReaches)
             .keyword = keyword, .file = file, .user = account.Name(), .password = account.Password()};
     };
     const std::string mine = account.Home() + "/mine";
-    EXPECT_EQ(TransferClient(daemon, order("TRANSFERPUT", mine)).Put("content"), Transferred(0));
-    struct stat facts {
-    };
-    ASSERT_EQ(stat(mine.c_str(), &facts), 0);
-    EXPECT_EQ(facts.st_uid, account.UserId());
-    EXPECT_EQ(facts.st_gid, account.GroupId());
-    EXPECT_EQ(facts.st_mode, S_IFREG | 0644U);
+    // The daemon's own port, from which a passive one comes, is not the user's to take.
+    for (const bool passive : {false, true}) {
+        TransferOrder put = order("TRANSFERPUT", mine);
+        put.passive = passive;
+        EXPECT_EQ(TransferClient(daemon, put).Put("content"), Transferred(0));
+        struct stat facts {
+        };
+        ASSERT_EQ(stat(mine.c_str(), &facts), 0);
+        EXPECT_EQ(facts.st_uid, account.UserId());
+        EXPECT_EQ(facts.st_gid, account.GroupId());
+        EXPECT_EQ(facts.st_mode, S_IFREG | 0644U);
+        unlink(mine.c_str());
+    }
 
     for (const auto& [keyword, refusal] :
          {std::pair("TRANSFERGET", "WRITEERROR"), {"TRANSFERPUT", "READERROR"}})
-        for (const std::string& file : {secret, std::string("/etc/shadow"), "/root/" + account.Name()})
+        for (const std::string& file :
+             {secret, std::string("/etc/shadow"), "/root/" + account.Name(), std::string("/proc/self/maps")})
             EXPECT_THAT(TransferClient(daemon, order(keyword, file)).Finish(),
                         AllOf(StartsWith(refusal), HasSubstr("Permission denied")))
                 << file;
