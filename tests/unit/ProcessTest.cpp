@@ -1,8 +1,4 @@
-#include <algorithm>
-#include <cctype>
-
 #include "tests/unit/Commands.h"
-#include "tests/unit/Loopback.h"
 
 namespace
 {
@@ -63,20 +59,6 @@ TEST_F(ChildTableTest, EachChildKeepsItsOwnStatusAmongStrangers)
         return waitpid(-1, nullptr, WNOHANG) == -1; // the strangers have been reaped as well
     }));
     EXPECT_EQ(ChildTable::CountOfUnaskedEnds(), 0);
-}
-
-TEST_F(ProcessTest, TellsHowACommandEnded)
-{
-    const struct {
-        const char* command;
-        int code;
-    } cases[] = {{"exit 0", 0},           {"exit 3", 3},          {"exit 255", 255},   {"", 0},
-                 {"kill -9 $$", 128 + 9}, {"kill -TERM $$", 143}, {"no-such-cmd", 127}};
-    for (const auto& [command, code] : cases) {
-        BaseProcess process;
-        ASSERT_EQ(Start(process, command), 0);
-        EXPECT_EQ(WaitForEnd(process), code) << command;
-    }
 }
 
 TEST_F(ProcessTest, TheEndIsKnownAfterSomebodyElseHasReaped)
@@ -190,174 +172,16 @@ TEST_F(ProcessTest, AFailureBeyondTheForkReachesTheLog)
     EXPECT_EQ(Log(), "Error unable to start command, /bin/sh : Argument list too long\n");
 }
 
-// --- What a command finds -------------------------------------------------------------------------------
-
-struct StartCall {
-    const char* name;
-    bool asUser; // a login of this user; else this process' own environment
-    bool onSocket;
-    bool asAnother; // an account that every system has; needs root
-};
-
-class InheritanceTest : public CommandTest, public testing::WithParamInterface<StartCall>
+TEST_F(ProcessTest, OnlyRootStartsForAnother)
 {
-protected:
-    /** Runs it by the call under test; its output. */
-    std::string Run(const std::string& command)
-    {
-        BaseProcess process;
-        process.SetUserVerified();
-        process.SetOutputAndErrorFileName(Path("log"));
-        const QORUnicodeString user(account_.name);
-        loopback::Pair sockets;
-        const auto& [name, asUser, onSocket, asAnother] = GetParam();
-        int result;
-        if (onSocket)
-            result = asUser ? process.StartBaseProcessUserWithSocket(command, user, "", sockets.server,
-                                                                     nullptr, 0, 0)
-                            : process.StartBaseProcessWithSocket(command, sockets.server, nullptr, 0, 0, 0);
-        else
-            result = asUser ? process.StartBaseProcessUser(command, user, "", nullptr, 0)
-                            : process.StartBaseProcess(command, nullptr, 0, 0);
-        EXPECT_EQ(result, 0) << process.BaseProcessGetLastError().ConvertToChar();
-        processId_ = process.GetProcessId();
-        EXPECT_EQ(process.GetUserId(), account_.userId);
-        EXPECT_EQ(process.GetOutputFileName(), QORUnicodeString(Path("log")));
-        sockets.server.CloseBaseSocket();
-        EXPECT_EQ(WaitForEnd(process), 0);
-        EXPECT_EQ(std::filesystem::exists(Path("log")), !onSocket);
-        return onSocket ? loopback::ReadToEnd(sockets.client) : Log();
-    }
-
-    void SetUp() override
-    {
-        account_ = Accounts::Own();
-        if (GetParam().asAnother) {
-            ASSERT_EQ(Accounts::Find(geteuid() == 0 ? "nobody" : "root", account_), 0);
-        }
-    }
-
-    /** True, once that has been seen, when this is a call that only root has the right to. */
-    bool IsRefused()
-    {
-        if (!GetParam().asAnother || geteuid() == 0)
-            return false;
-        BaseProcess process;
-        process.SetUserVerified();
-        process.SetOutputAndErrorFileName(Path("log"));
-        EXPECT_NE(process.StartBaseProcessUser("exit 0", account_.name, "", nullptr, 0), 0);
-        EXPECT_EQ(process.BaseProcessGetLastError(),
-                  QORUnicodeString("Error only root can start a command as another user"));
-        EXPECT_FALSE(std::filesystem::exists(Path("log")));
-        return true;
-    }
-
-    Account account_;
-    pid_t processId_ = 0;
-};
-
-TEST_P(InheritanceTest, NothingOfTheSupervisorsButWhatItShould)
-{
-    if (IsRefused())
+    if (geteuid() == 0)
         return;
-    const std::string output =
-        Run("ls /proc/$$/fd; cut -d' ' -f6,7 /proc/$$/stat; ulimit -n\n"
-            "grep -E '^(Umask|Uid|Gid|Groups|(Sig|Shd)(Pnd|Blk|Ign)):' /proc/self/status\n"
-            "readlink /proc/$$/cwd; cat /proc/$$/oom_score_adj");
-    const auto four = [](unsigned int id) {
-        std::string text;
-        for (int i = 0; i < 4; ++i)
-            text.append("\t").append(std::to_string(id));
-        return text + "\n";
-    };
-    std::vector<gid_t> groups = account_.groups;
-    if (!GetParam().asUser || geteuid() != 0) {
-        groups.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
-        ASSERT_GE(getgroups(static_cast<int>(groups.size()), groups.data()), 0);
-    }
-    std::string groupNumbers;
-    for (const gid_t group : groups)
-        groupNumbers += (groupNumbers.empty() ? "" : " ") + std::to_string(group);
-    const std::string none = "\t0000000000000000\n";
-    std::string home = GetParam().asUser ? account_.home : getenv("HOME");
-    std::error_code error;
-    home = std::filesystem::canonical(home, error);
-    if (home.empty() || access(home.c_str(), X_OK) != 0)
-        home = "/";
-    const std::string oomScore = geteuid() == 0 ? "0\n" : commands::ReadFile("/proc/self/oom_score_adj");
-    EXPECT_EQ(output, "0\n1\n2\n" + std::to_string(processId_) + " 0\n" +
-                          std::to_string(commands::PlantedDescriptorLimit) +
-                          "\nUmask:\t0022\nUid:" + four(account_.userId) + "Gid:" + four(account_.groupId) +
-                          "Groups:\t" + groupNumbers + " \nSigPnd:" + none + "ShdPnd:" + none +
-                          "SigBlk:" + none + "SigIgn:" + none + home + "\n" + oomScore);
+    BaseProcess process;
+    process.SetUserVerified();
+    process.SetOutputAndErrorFileName(Path("log"));
+    EXPECT_NE(process.StartBaseProcessUser("exit 0", "root", "", nullptr, 0), 0);
+    EXPECT_EQ(process.BaseProcessGetLastError(),
+              QORUnicodeString("Error only root can start a command as another user"));
+    EXPECT_FALSE(std::filesystem::exists(Path("log")));
 }
-
-TEST_P(InheritanceTest, StreamsLeadWhereTheyShould)
-{
-    if (IsRefused())
-        return;
-    std::istringstream links(Run("readlink /proc/$$/fd/0 /proc/$$/fd/1 /proc/$$/fd/2"));
-    std::string input, output, error;
-    links >> input >> output >> error;
-    EXPECT_EQ(output, error);
-    if (GetParam().onSocket) {
-        EXPECT_EQ(input, output);
-        EXPECT_TRUE(input.starts_with("socket:")) << input;
-        return;
-    }
-    EXPECT_EQ(input, "/dev/null");
-    EXPECT_EQ(output, Path("log"));
-    struct stat log = {};
-    ASSERT_EQ(stat(Path("log").c_str(), &log), 0);
-    EXPECT_EQ(log.st_mode, S_IFREG | 0600U);
-    EXPECT_EQ(log.st_uid, account_.userId);
-    EXPECT_EQ(log.st_gid, account_.groupId);
-}
-
-TEST_P(InheritanceTest, EnvironmentOfALoginOrOfTheSupervisor)
-{
-    if (IsRefused())
-        return;
-    setenv("RUVELSERVER_TMP", "/some/folder", 1);
-    setenv("LC_TIME", "C", 1);
-    setenv("LANGUAGE", "xx", 1);
-    setenv("SECRET", "of the supervisor", 1);
-    setenv(BaseProcess::MarkName, "of an outer supervisor", 1);
-    std::istringstream lines(Run("tr '\\0' '\\n' < /proc/$$/environ"));
-
-    std::vector<std::string> entries;
-    std::vector<std::string> marks;
-    for (std::string line; std::getline(lines, line);)
-        (line.starts_with("RUVELSERVER_MARK=") ? marks : entries).push_back(line);
-    ASSERT_EQ(marks.size(), 1U);
-    EXPECT_EQ(marks[0].size(), 17U + 32U) << marks[0];
-    EXPECT_TRUE(std::all_of(marks[0].begin() + 17, marks[0].end(), [](char c) { return std::isxdigit(c); }));
-
-    std::vector<std::string> expected;
-    if (GetParam().asUser)
-        expected = {"HOME=" + account_.home, "USER=" + account_.name, "LOGNAME=" + account_.name,
-                    "SHELL=" + account_.shell,
-                    account_.userId == 0 ? "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-                                         : "PATH=/usr/local/bin:/usr/bin:/bin"};
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const std::string name = text.substr(0, text.find('='));
-        const bool passes = name == "RUVELSERVER_TMP" || name == "LANG" || name == "LANGUAGE" ||
-                            name == "TZ" || name.starts_with("LC_");
-        if (name != BaseProcess::MarkName && (passes || !GetParam().asUser))
-            expected.push_back(text);
-    }
-    std::sort(entries.begin(), entries.end());
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(entries, expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(AllStartCalls, InheritanceTest,
-                         testing::Values(StartCall{"OwnOnFiles", false, false, false},
-                                         StartCall{"OwnOnSocket", false, true, false},
-                                         StartCall{"LoginOnFiles", true, false, false},
-                                         StartCall{"LoginOnSocket", true, true, false},
-                                         StartCall{"AnotherOnFiles", true, false, true},
-                                         StartCall{"AnotherOnSocket", true, true, true}),
-                         [](const auto& call) { return std::string(call.param.name); });
 } // namespace
