@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <thread>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -60,16 +59,6 @@ sockaddr_in Loopback(int port)
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<in_port_t>(port));
     return address;
-}
-
-/** Bytes in which no two neighbouring blocks are the same, so that a lost or doubled one shows. */
-std::string Pattern(std::size_t size)
-{
-    std::string bytes(size, '\0');
-    unsigned int state = 1;
-    for (char& byte : bytes)
-        byte = static_cast<char>((state = state * 1664525U + 1013904223U) >> 24);
-    return bytes;
 }
 
 /** Interrupts whatever waits, again and again, for as long as it lives. */
@@ -202,46 +191,6 @@ TEST(BaseSocketTest, EveryWaitEndsInTimeThroughInterruptions)
     ASSERT_NE(refused, clients.end());
     EXPECT_EQ(ErrorOf(*refused), Failure("connect", ETIMEDOUT));
     EXPECT_FALSE(refused->GetBaseSocketStatus());
-}
-
-TEST(BaseSocketTest, ALargeWriteReachesASlowReaderWhole)
-{
-    Pair pair;
-    const int small = 4096;
-    setsockopt(pair.server.GetBaseSocketNumber(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
-    const std::string sent = Pattern(3'000'001);
-    std::string received;
-    std::thread reader([&] {
-        char* block = nullptr;
-        int count;
-        while ((count = pair.client.ReadBinaryFileFromBaseSocketNonBlocking(&block, 1999, 20)) > 0)
-            received.append(block, static_cast<std::size_t>(count));
-        EXPECT_EQ(count, 0);
-        delete[] block;
-    });
-    EXPECT_EQ(pair.server.WriteBinaryFileToBaseSocket(sent.data(), static_cast<int>(sent.size())), 0);
-    pair.server.ShutdownSending();
-    reader.join();
-    EXPECT_TRUE(received == sent);
-}
-
-TEST(BaseSocketTest, TransferForTheLoopTakesWhatThereIsRoomFor)
-{
-    Pair pair;
-    std::array<char, 65536> block{};
-    EXPECT_EQ(pair.client.ReceiveAvailable(block.data(), block.size()), BaseSocket::NothingYet);
-    long sent = 0;
-    long count;
-    while ((count = pair.server.SendAvailable(std::string_view(block.data(), block.size()))) > 0)
-        sent += count;
-    EXPECT_EQ(count, BaseSocket::NothingYet);
-    pair.server.ShutdownSending();
-    long received = 0;
-    char* start = block.data();
-    while ((count = pair.client.ReadBinaryFileFromBaseSocketNonBlocking(&start, 65536, 5)) > 0)
-        received += count;
-    EXPECT_EQ(received, sent);
-    EXPECT_EQ(pair.client.ReceiveAvailable(block.data(), block.size()), 0);
 }
 
 TEST(BaseSocketTest, TellsALocalAddressThatCannotBeHadFromOtherFailures)

@@ -3,20 +3,12 @@
 
 #include "connections/BaseConnection.h"
 #include "connections/SendQueue.h"
-#include "support/BaseString.h"
 #include "tests/unit/Loopback.h"
 
 #include <gtest/gtest.h>
 
 namespace
 {
-std::string Date(long seconds)
-{
-    QORUnicodeString date;
-    EXPECT_EQ(BaseString::CreateFormatedDate(date, seconds), 0);
-    return std::string(date.View());
-}
-
 TEST(Connection, ExpiresOneSecondPastItsTimeOut)
 {
     const struct {
@@ -49,17 +41,6 @@ TEST(Connection, TellsABeginThatIsNoDate)
     EXPECT_EQ(connection.GetBeginDate().View(), "ErrorDate");
 }
 
-TEST(BaseConnection, DescribesItsCommand)
-{
-    BaseConnection connection(nullptr);
-    connection.SetAttributes("NOSOCKET", "DOM\\Alice", 1000, "echo hi", 7, 13, "10.0.0.1", 5678);
-    EXPECT_EQ(connection.GetIdentifier().View(),
-              "HOST(10.0.0.1), PORT(5678), N(7), UID(DOM\\Alice), BDATE(" + Date(1000) + ")");
-    QORUnicodeString line("left from before");
-    connection.GetAttributes("->", line);
-    EXPECT_EQ(line.View(), "->N(7), PID(0), UID(DOM\\Alice), BDATE(" + Date(1000) + "), CMD(echo hi)");
-}
-
 TEST(BaseConnection, ComparesUsersWithoutDomainAndCase)
 {
     const struct {
@@ -77,16 +58,6 @@ TEST(BaseConnection, ComparesUsersWithoutDomainAndCase)
         BaseConnection connection(nullptr);
         connection.SetAttributes("NOSOCKET", one.stored, 1, "", 0, 1, "", 0);
         EXPECT_EQ(connection.IsSameUser(one.given), one.isSame) << one.stored << " and " << one.given;
-    }
-}
-
-TEST(BaseConnection, KnowsWhetherTheClientIsAttached)
-{
-    for (const auto& [flag, isAttached] : {std::pair("SOCKET", true), std::pair("TRUE", true),
-                                           std::pair("NOSOCKET", false), std::pair("FALSE", false)}) {
-        BaseConnection connection(nullptr);
-        connection.SetAttributes(flag, "joe", 1, "", 0, 1, "", 0);
-        EXPECT_EQ(connection.IsSocketMode(), isAttached) << flag;
     }
 }
 

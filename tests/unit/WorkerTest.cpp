@@ -29,15 +29,6 @@ public:
         EXPECT_EQ(_WaitThreadOrProcess(worker, status, 20), 1);
         return status;
     }
-    bool HasBoard() const { return GetStatusBoard() != nullptr; }
-    int Publish(const char* text) { return GetStatusBoard()->Write(text); }
-    std::string Status() const
-    {
-        QORUnicodeString line;
-        long long limit = WriterReader::DefaultLockMicroseconds;
-        AppendStatus(line, limit);
-        return std::string(line.View());
-    }
 
 private:
     std::function<int()> routine_;
@@ -95,20 +86,6 @@ TEST(WorkerStatus, TellsHowAWorkerEnded)
     }
 }
 
-TEST_F(Worker, EndsWithItsResult)
-{
-    TestWorker worker([] { return 3; });
-    EXPECT_EQ(worker.CheckThreadOrProcess(status_), 1);
-    EXPECT_EQ(status_, 0);
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-    EXPECT_EQ(CheckUntilEnd(worker), 3);
-    EXPECT_EQ(worker.GetLastWorkerStatus(), 3);
-    EXPECT_EQ(worker.GetWorkerProcessId(), 0);
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-    EXPECT_EQ(worker.WaitThreadOrProcess(status_, -1), 1);
-    EXPECT_EQ(status_, 3);
-}
-
 TEST_F(Worker, SaysThatItHadNothingToRun)
 {
     EXPECT_EQ(TestWorker(nullptr).RunNothing(), 111);
@@ -139,18 +116,6 @@ TEST_F(Worker, IsStartedOnceAndReportsItsSignal)
     }
 }
 
-TEST_F(Worker, IsTerminatedGentlyOrByForce)
-{
-    for (const int force : {0, 1}) {
-        TestWorker worker(WaitForever);
-        EXPECT_EQ(worker.TerminateThreadOrProcess(force), 0); // nobody there
-        ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-        EXPECT_EQ(worker.TerminateThreadOrProcess(force), 0);
-        EXPECT_NE(worker.GetWorkerProcessId(), 0);
-        EXPECT_EQ(CheckUntilEnd(worker), 999);
-    }
-}
-
 TEST_F(Worker, IsForgottenByAReset)
 {
     TestWorker worker(WaitForever);
@@ -173,18 +138,6 @@ TEST_F(Worker, CountsAsGoneWhenItsStatusWasTakenAway)
     EXPECT_EQ(worker.CheckThreadOrProcess(status_), 1);
     EXPECT_EQ(status_, 0);
     EXPECT_GT(waitpid(-1, nullptr, 0), 0);
-}
-
-TEST_F(Worker, PublishesOnItsBoard)
-{
-    TestWorker* self = nullptr;
-    TestWorker worker([&] { return self->Publish("sent 5"); });
-    self = &worker;
-    EXPECT_EQ(worker.Status(), "");
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-    EXPECT_TRUE(worker.HasBoard());
-    EXPECT_EQ(CheckUntilEnd(worker), 6);
-    EXPECT_EQ(worker.Status(), ", STATUS(sent 5)");
 }
 
 /** 0 when this process has nothing open above the standard streams but `kept`, else the descriptor. */

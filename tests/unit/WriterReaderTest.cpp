@@ -5,35 +5,11 @@
 #include "support/Clock.h"
 
 #include <gtest/gtest.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace
 {
-/** Semaphore sets that this process was the last to operate on, plus segments of its making. */
-int CountOwnIds()
-{
-    int count = 0;
-    seminfo information;
-    const int lastSet = semctl(0, 0, SEM_INFO, &information);
-    for (int i = 0; i <= lastSet; ++i) {
-        semid_ds description;
-        const int set = semctl(i, 0, SEM_STAT, &description);
-        if (set != -1 && semctl(set, 0, GETPID) == getpid())
-            ++count;
-    }
-    shm_info usage;
-    const int lastSegment = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&usage));
-    for (int i = 0; i <= lastSegment; ++i) {
-        shmid_ds description;
-        if (shmctl(i, SHM_STAT, &description) != -1 && description.shm_cpid == getpid())
-            ++count;
-    }
-    return count;
-}
-
 /** Runs `routine` in a child, which then waits for its end. */
 template <class Routine>
 pid_t Fork(Routine routine)
@@ -89,17 +65,6 @@ TEST(WriterReader, IsUnusableWithoutASize)
     EXPECT_EQ(board.GetStatus(), -1);
     EXPECT_EQ(board.Write("text"), 0);
     EXPECT_EQ(board.Read(text), 0);
-}
-
-TEST(WriterReader, LeavesNothingBehind)
-{
-    const int before = CountOwnIds();
-    {
-        WriterReader board(4096);
-        board.Write("text");
-        EXPECT_EQ(CountOwnIds(), before + 2);
-    }
-    EXPECT_EQ(CountOwnIds(), before);
 }
 
 TEST(WriterReader, OutlivesAWriterThatDiesHoldingIt)
