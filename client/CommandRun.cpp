@@ -167,7 +167,8 @@ void CommandRun::Turn()
     if (poll(polled.data(), polled.size(), TimeLeft()) < 0)
         return;
     if (polled[Signal].revents != 0)
-        EndBySignal(signals_->Take());
+        EndBySignal(signals_, signals_->Take(),
+                    [&] { return EndCommandTree(request_.server, ListingKey(wrapping_.mark)); });
     if (polled[Output].revents != 0)
         PassOn(command_, {});
     if (polled[ErrorOutput].revents != 0)
@@ -223,16 +224,6 @@ void CommandRun::FollowCommand()
             Clock::SteadyMilliseconds() + (command_.stream.IsWhole() ? PatienceWithEnd : PatienceWithErrors);
     if (command_.hasEnded)
         input_->Stop();
-}
-
-void CommandRun::EndBySignal(int signal)
-{
-    Say("interrupted: ending the remote command; once more leaves at once");
-    // The next one ends this process without further ado.
-    signals_.reset();
-    if (const Failure failure = EndCommandTree(request_.server, ListingKey(wrapping_.mark)))
-        Say("the remote command may still run: " + failure.sentence);
-    DieBySignal(signal);
 }
 
 void CommandRun::EndByClosedOutput()

@@ -77,7 +77,6 @@ private:
     void PassOn(Channel& channel, std::string_view bytes);
     void FollowCommand();
 
-    [[noreturn]] void EndBySignal(int signal);
     [[noreturn]] void EndByClosedOutput();
 
     int Conclude();

@@ -140,6 +140,13 @@ std::string EndLead(const std::string& mark)
     return "\036" + mark + ":";
 }
 
+std::string TellProcessLine(const std::string& mark)
+{
+    // The fourth word behind the name, which stands in parentheses. In a subshell, so that nothing is left of
+    // it.
+    return "(read x </proc/self/stat;set -- ${x##*\\)};" + PrintMark(ReadyLead(mark), "$4") + ")\n";
+}
+
 std::string ListingKey(const std::string& mark)
 {
     return mark + ":%d";

@@ -31,6 +31,9 @@ std::string MakeMark();
 std::string ReadyLead(const std::string& mark);
 /** The same at the end of either stream, before the command's exit code. */
 std::string EndLead(const std::string& mark);
+/** A line by which a shell says ready, with the process that leads its session, which a listing shows, as the
+ * number. */
+std::string TellProcessLine(const std::string& mark);
 /** A text that only the sent line of the wrapped command holds, for finding it in a listing. */
 std::string ListingKey(const std::string& mark);
 

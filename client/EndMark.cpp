@@ -6,8 +6,8 @@
 
 namespace
 {
-/** An exit code. */
-constexpr std::size_t LongestNumber = 3;
+/** An exit code, or a process. */
+constexpr std::size_t LongestNumber = 9;
 } // namespace
 
 EndMark::Match EndMark::TakeNumber(std::string_view& rest)

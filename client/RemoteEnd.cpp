@@ -1,5 +1,6 @@
 #include "client/RemoteEnd.h"
 
+#include <algorithm>
 #include <string>
 
 #include "client/ServerRefusal.h"
@@ -31,19 +32,65 @@ std::string FindNumber(std::string_view listing, std::string_view key)
         return "";
     return std::string(line.substr(NumberLead.size(), line.find(')') - NumberLead.size()));
 }
-} // namespace
-
-Failure EndCommandTree(const Server& server, std::string_view key)
+/** The number in the one line about this process. A command's text may look like such a line: then there are
+ * two, and it is not guessed which is true. */
+std::string FindNumberOf(std::string_view listing, int process)
 {
-    std::string listing;
+    const std::string behind = "), PID(" + std::to_string(process) + "), UID(";
+    std::string number;
+    while (!listing.empty()) {
+        const std::string_view line = listing.substr(0, listing.find('\n'));
+        listing.remove_prefix(std::min(line.size() + 1, listing.size()));
+        const std::size_t end = line.find(')');
+        if (!line.starts_with(NumberLead) || end == std::string_view::npos ||
+            !line.substr(end).starts_with(behind))
+            continue;
+        if (!number.empty())
+            return "";
+        number = line.substr(NumberLead.size(), end - NumberLead.size());
+    }
+    return number;
+}
+
+Failure FetchListing(const Server& server, std::string& listing)
+{
     if (Failure failure = Ask(server, {{"INFO"}}, listing))
         return failure;
     std::string_view rest = listing;
     if (TakeBanner(server, rest) || listing.find(protocol::FoundLead) == std::string::npos)
         return ExplainRefusal(server, listing.substr(0, listing.find('\n')));
-    const std::string number = FindNumber(listing, key);
-    if (number.empty())
-        return {};
+    return {};
+}
+
+Failure EndTree(const Server& server, const std::string& number)
+{
     std::string answer;
-    return Ask(server, {{"KILLTREE"}, {number, "number"}}, answer);
+    return number.empty() ? Failure{} : Ask(server, {{"KILLTREE"}, {number, "number"}}, answer);
+}
+} // namespace
+
+Failure EndCommandTree(const Server& server, std::string_view key)
+{
+    std::string listing;
+    if (Failure failure = FetchListing(server, listing))
+        return failure;
+    return EndTree(server, FindNumber(listing, key));
+}
+
+Failure EndProcessTree(const Server& server, int process)
+{
+    std::string listing;
+    if (Failure failure = FetchListing(server, listing))
+        return failure;
+    return EndTree(server, FindNumberOf(listing, process));
+}
+
+void EndBySignal(std::optional<SignalWatch>& signals, int signal, const std::function<Failure()>& end)
+{
+    Say("interrupted: ending the remote command; once more leaves at once");
+    // The next one ends this process without further ado.
+    signals.reset();
+    if (const Failure failure = end())
+        Say("the remote command may still run: " + failure.sentence);
+    DieBySignal(signal);
 }

@@ -21,7 +21,7 @@ const struct {
      "\036\036ab\036ab12\036ab12:", true, 7, ""},
     {"no number", Lead + "\n" + Lead + "x\n" + Lead + "-1\n", Lead + "\n" + Lead + "x\n" + Lead + "-1\n",
      false, 0, ""},
-    {"too long a number", Lead + "1000\n", Lead + "1000\n", false, 0, ""},
+    {"too long a number", Lead + "1234567890\n", Lead + "1234567890\n", false, 0, ""},
     {"cut in the middle", "out" + Lead + "12", "out" + Lead + "12", false, 0, ""},
     {"cut at its first byte", "out\036", "out\036", false, 0, ""},
 };
