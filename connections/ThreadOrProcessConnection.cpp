@@ -7,6 +7,7 @@
 #include "connections/WorkerStatus.h"
 #include "protocol/ConnectionTexts.h"
 #include "support/BaseString.h"
+#include "support/ChildStart.h"
 #include "support/ProcessSetup.h"
 
 #include <fcntl.h>
@@ -44,6 +45,14 @@ void CloseDescriptors(int kept, QORListPtrBaseSocket* sockets)
     }
 }
 } // namespace
+
+struct ThreadOrProcessConnection::Work {
+    ThreadOrProcessConnection& connection;
+    int (ThreadOrProcessConnection::*routine)();
+    QORListPtrBaseSocket* socketsToClose;
+    long daemonProcessId;
+    const ChildStart::Handover& handover;
+};
 
 ThreadOrProcessConnection::~ThreadOrProcessConnection()
 {
@@ -101,6 +110,16 @@ int ThreadOrProcessConnection::HandSocketToWorker(QORListPtrBaseSocket& socketsT
     return result;
 }
 
+/** In the worker: what it has been handed goes by other numbers here. */
+void ThreadOrProcessConnection::TakeHandover(const ChildStart::Handover& handover)
+{
+    if (!handover.IsSparing())
+        return;
+    GetSocket().Renumber(handover.First());
+    if (release_[0].IsOpen())
+        release_[0] = FileDescriptor(handover.Second());
+}
+
 /** In the worker: until the daemon has let go of what it hands over. */
 void ThreadOrProcessConnection::WaitUntilReleased()
 {
@@ -120,20 +139,20 @@ int ThreadOrProcessConnection::_InitThreadOrProcess(ChildId& worker,
     if (!worker.IsNone())
         return 0;
     ChildTable::Prepare();
-    const pid_t daemonProcessId = getpid();
-    const pid_t processId = fork();
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
+    const ChildStart::Handover handover(ChildStart::Memory::Copied, GetSocket().GetBaseSocketNumber(),
+                                        release_[0].Number());
+    Work work{*this, routine, socketsToClose, getpid(), handover};
+    const pid_t processId = handover.Start(BeginWork, &work);
+    const int error = errno;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     if (processId < 0) {
+        errno = error;
         TellForkFailure();
         return 1;
-    }
-    if (processId == 0) {
-        // Past this frame the worker would go on as a second daemon.
-        try {
-            RunInWorker(routine, socketsToClose, daemonProcessId);
-        } catch (const std::bad_alloc&) {
-            BaseString::PutTrace("Error out of memory in a worker", 1);
-        }
-        _exit(ExitOutOfMemory);
     }
     worker = ChildTable::Enter(processId);
     return 0;
@@ -148,23 +167,34 @@ void ThreadOrProcessConnection::MakeStatusBoard()
         statusBoard_.reset();
 }
 
-void ThreadOrProcessConnection::RunInWorker(int (ThreadOrProcessConnection::*routine)(),
-                                            QORListPtrBaseSocket* socketsToClose, long daemonProcessId)
+void ThreadOrProcessConnection::BeginWork(void* work)
+{
+    // Past this frame the worker would go on as a second daemon.
+    try {
+        static_cast<Work*>(work)->connection.RunInWorker(*static_cast<Work*>(work));
+    } catch (const std::bad_alloc&) {
+        BaseString::PutTrace("Error out of memory in a worker", 1);
+    }
+    _exit(ExitOutOfMemory);
+}
+
+void ThreadOrProcessConnection::RunInWorker(const Work& work)
 {
     // Signals first: an end asked for in the meantime takes effect here. Then nothing of the daemon's: its
     // terminal group, its children, its clients.
     ProcessSetup::RestoreInChild(false);
     setpgid(0, 0);
     ChildTable::Clear();
+    TakeHandover(work.handover);
     WaitUntilReleased();
-    CloseDescriptors(GetSocket().GetBaseSocketNumber(), socketsToClose);
-    if (routine == nullptr)
+    CloseDescriptors(GetSocket().GetBaseSocketNumber(), work.socketsToClose);
+    if (work.routine == nullptr)
         _exit(ExitWithoutRoutine);
-    const int result = (this->*routine)();
+    const int result = (this->*work.routine)();
     if (GetSocket().GetBaseSocketStatus() != 0)
         close(GetSocket().GetBaseSocketNumber());
     // The board is the daemon's to remove, unless the daemon has gone before its worker.
-    if (getppid() != daemonProcessId)
+    if (getppid() != work.daemonProcessId)
         statusBoard_.reset();
     // Not exit(): what the daemon has registered or not yet flushed is the daemon's.
     _exit(result);

@@ -4,6 +4,7 @@
 
 #include "connections/Connection.h"
 #include "connections/WriterReader.h"
+#include "support/ChildStart.h"
 #include "support/ChildTable.h"
 #include "support/FileDescriptor.h"
 #include "support/QORLists.h"
@@ -69,9 +70,12 @@ protected:
 
 private:
     void MakeStatusBoard();
+    /** What a worker begins with. */
+    struct Work;
+    static void BeginWork(void* work);
+    void TakeHandover(const ChildStart::Handover& handover);
     void WaitUntilReleased();
-    [[noreturn]] void RunInWorker(int (ThreadOrProcessConnection::*routine)(),
-                                  QORListPtrBaseSocket* socketsToClose, long daemonProcessId);
+    [[noreturn]] void RunInWorker(const Work& work);
 
     ChildId worker_;
     std::unique_ptr<WriterReader> statusBoard_;

@@ -45,6 +45,8 @@ public:
     BaseSocket& operator=(const BaseSocket& other);
     /** Forgets the descriptor without closing it. */
     void Reset();
+    /** In a child process, where the same connection has another descriptor: that is held from now on. */
+    void Renumber(const int& descriptor) { descriptor_ = descriptor; }
     void CloseBaseSocket();
 
     /**

@@ -15,6 +15,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "support/ChildStart.h"
 #include "support/ProcessSetup.h"
 
 namespace
@@ -62,8 +63,9 @@ void TakeIdentity(const ChildIdentity& identity)
         GiveUp("user id", EPERM);
 }
 
-[[noreturn]] void RunCommandChild(const CommandChild& child)
+[[noreturn]] void RunCommandChild(void* pointer)
 {
+    const CommandChild& child = *static_cast<const CommandChild*>(pointer);
     // A session of its own, without a controlling terminal: the parent's terminal signals nobody here.
     setsid();
     // Streams first, so that what fails from here on can be told.
@@ -94,11 +96,14 @@ pid_t StartCommandChild(const CommandChild& child)
     sigset_t before;
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, &before);
-    // Never vfork() for another user: between the child's change of user id and its exec that user may
+    // Never borrowed for another user: between the child's change of user id and its exec that user may
     // already stop it, and the parent sleeps until the exec.
-    const pid_t processId = KeepsUserId(child) ? vfork() : fork();
-    if (processId == 0)
-        RunCommandChild(child);
+    const auto memory = KeepsUserId(child) ? ChildStart::Memory::Borrowed : ChildStart::Memory::Copied;
+    const ChildStart::Handover handover(memory, child.input, child.outputAndError);
+    CommandChild handed = child;
+    handed.input = handover.First();
+    handed.outputAndError = handover.Second();
+    const pid_t processId = handover.Start(RunCommandChild, &handed);
     const int error = errno;
     sigprocmask(SIG_SETMASK, &before, nullptr);
     errno = error;

@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/ChildStart.h"
+
 namespace
 {
 constexpr const char* OomScoreFile = "/proc/self/oom_score_adj";
@@ -83,6 +85,7 @@ int BecomeSupervisor()
 {
     if (OpenStandardDescriptors() != 0 || prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0)
         return -1;
+    ChildStart::ReserveDescriptors();
     const bool hangUpIgnored = IsIgnored(SIGHUP);
     for (int signal = 1; signal < NSIG; ++signal)
         if (signal != SIGHUP)
@@ -146,5 +149,12 @@ int CloseAllDescriptorsBut(int kept)
     if (keptDescriptor > first && close_range(first, keptDescriptor - 1, 0) != 0)
         return -1;
     return close_range(keptDescriptor + 1, ~0U, 0);
+}
+
+bool ClosesAllAtOnce()
+{
+    // Nobody has the last number there is.
+    static const bool answer = close_range(~0U, ~0U, 0) == 0;
+    return answer;
 }
 } // namespace ProcessSetup

@@ -35,4 +35,6 @@ void RestoreInChild(bool forCommand);
  * 5.9), which leaves them open. Async-signal-safe.
  */
 int CloseAllDescriptorsBut(int kept);
+/** True where that call is to be had. */
+bool ClosesAllAtOnce();
 } // namespace ProcessSetup

@@ -171,9 +171,12 @@ __attribute__((constructor)) void MapPlan()
 
 RUVEL_CALL(bind)
 RUVEL_CALL(chdir)
+RUVEL_CALL(clone)
 RUVEL_CALL(close_range)
 RUVEL_CALL(connect)
 RUVEL_CALL(dup2)
+RUVEL_CALL(epoll_create1)
+RUVEL_CALL(epoll_ctl)
 RUVEL_CALL(execve)
 RUVEL_CALL(faccessat)
 RUVEL_CALL(fchown)
@@ -266,16 +269,6 @@ RUVEL_DEFINE(signalfd)
     const long result = next(a, b, c, d, e, f);
     signalDescriptor = static_cast<int>(result);
     return result;
-}
-
-/** A wrapper cannot return twice from its caller's stack. That this is a fork makes no difference to a child
- * that does only what it may. */
-RUVEL_DEFINE(vfork)
-{
-    if (Fails(IndexOf("vfork")))
-        return Refuse();
-    static const Call next = Next("fork");
-    return next(a, b, c, d, e, f);
 }
 
 /** Half a minute between two attempts would be most of a run. */
