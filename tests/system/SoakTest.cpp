@@ -1,12 +1,18 @@
+// Mixed launches and transfers with clients that vanish, kills and expiries in between: every client that
+// stays gets all of its bytes and the right code, and nothing is left. RUVEL_SOAK sets how many launches.
+
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
 #include <map>
 #include <random>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/system/DaemonUnderTest.h"
 #include "tests/system/SystemFacts.h"
+#include "tests/system/TransferClient.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -15,7 +21,8 @@ namespace
 {
 constexpr int Launches = 2000;
 constexpr int AtOnce = 40;
-constexpr int Expiring = 5; // of each form that can expire
+constexpr int BetweenExpiring = 10; // rounds
+constexpr int BetweenFigures = 10;  // parts of the whole, after each of which the daemon's memory is noted
 
 struct Form {
     const char* version;
@@ -68,6 +75,7 @@ public:
 
     void LaunchThatExpires()
     {
+        ReadWhatExpired();
         for (const char* mode : {"SOCKET", "NOSOCKET"}) {
             expiring_.push_back({daemon_.Connect(), std::string(BannerLine) + Expired});
             expiring_.back().client.Send(Launch(mode, "sleep 1000", "1"));
@@ -79,6 +87,29 @@ public:
         for (Waiting& waiting : expiring_)
             EXPECT_EQ(waiting.client.ReadToEnd(), waiting.expected);
         expiring_.clear();
+    }
+
+    /** A command that is killed, a file that goes there and back, and a transfer that is killed. */
+    void KillAndTransfer()
+    {
+        Client victim = daemon_.Connect();
+        victim.Send(Launch("SOCKET", "echo up; exec sleep 1000"));
+        victim.ReadUntil("up\n");
+        const std::string content = longOutput_.substr(random_() % longOutput_.size());
+        std::string got;
+        TransferClient put(daemon_, {.keyword = "TRANSFERPUT", .file = File()});
+        EXPECT_EQ(put.Put(content), Transferred(0));
+        TransferClient get(daemon_, {.keyword = "TRANSFERGET", .file = File()});
+        EXPECT_EQ(get.Get(got), Transferred(0));
+        EXPECT_TRUE(got == content) << "a file differs after its way there and back";
+        TransferClient broken(daemon_, {.keyword = "TRANSFERGET", .file = File()});
+        broken.Control().ReadUntil("\n");
+        for (const std::string& number :
+             {NumberOf("CMD(echo up; exec sleep 1000)"), NumberOf("TRANSFER GET")})
+            EXPECT_THAT(Ask(daemon_, Join({Newest, OwnUser(), "", "FORCEKILLTREE", number})),
+                        HasSubstr("N(" + number + "), "));
+        EXPECT_THAT(victim.ReadToEnd(), HasSubstr("tree force killed\n->ProcessReturnCode = 137\n"));
+        EXPECT_THAT(broken.Finish(), HasSubstr("terminated by user"));
     }
 
     /** Logs that no connection of the collector brought, or brought to one that had vanished. */
@@ -138,6 +169,17 @@ private:
         logs_.erase(identifier);
     }
 
+    std::string File() const { return directory_.Path() + "/file"; }
+
+    /** Of the line in the listing that holds this. */
+    std::string NumberOf(const std::string& text)
+    {
+        const std::string listing = Ask(daemon_, Keyword("INFO"));
+        const size_t begin = listing.rfind("->N(", listing.find(text)) + 4;
+        return listing.substr(begin, listing.find(')', begin) - begin);
+    }
+
+    TestDirectory directory_;
     DaemonUnderTest& daemon_;
     Collector collector_;
     std::mt19937 random_;
@@ -148,6 +190,22 @@ private:
     int logsToCome_ = 0;
     size_t vanishedCollectors_ = 0;
 };
+int CountOfLaunches()
+{
+    const char* number = getenv("RUVEL_SOAK");
+    return number == nullptr ? Launches : atoi(number);
+}
+
+/** What the process holds of its own and shared memory, as the kernel has it. */
+std::string MemoryOf(pid_t process)
+{
+    std::ifstream lines("/proc/" + std::to_string(process) + "/smaps_rollup");
+    std::string figures;
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with("Rss:") || line.starts_with("Pss:"))
+            figures += line + "  ";
+    return figures;
+}
 } // namespace
 
 TEST(Soak, EveryCodeArrivesAndNothingIsLeft)
@@ -159,10 +217,17 @@ TEST(Soak, EveryCodeArrivesAndNothingIsLeft)
     const size_t descriptors = CountDescriptorsOf(id);
     {
         Crowd crowd(daemon, seed);
-        for (int i = 0; i < Expiring; ++i)
-            crowd.LaunchThatExpires();
-        for (int launched = 0; launched < Launches && !testing::Test::HasFailure(); launched += AtOnce)
+        const int launches = CountOfLaunches();
+        const int part = std::max(launches / BetweenFigures / AtOnce, 1);
+        for (int round = 0; round * AtOnce < launches && !testing::Test::HasFailure(); ++round) {
+            if (round % BetweenExpiring == 0) {
+                crowd.LaunchThatExpires();
+                crowd.KillAndTransfer();
+            }
             crowd.LaunchTogether(AtOnce);
+            if (launches > Launches && (round + 1) % part == 0)
+                std::cout << (round + 1) * AtOnce << " launches  " << MemoryOf(id) << std::endl;
+        }
         crowd.ReadWhatExpired();
         EXPECT_EQ(crowd.UnreadLogs(), crowd.VanishedCollectors());
     }
