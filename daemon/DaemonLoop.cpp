@@ -21,9 +21,11 @@
 namespace
 {
 
-/** From so many live children on, they are not all asked at each end; milliseconds until they are. */
+/** From so many live children on, they are not all asked at each end, but after a pause: milliseconds, and as
+ * many times what asking takes that it costs some hundredths of the time. */
 constexpr int ManyChildren = 256;
-constexpr long long ReapDelay = 5;
+constexpr int ShortestReapPause = 5;
+constexpr int ChildrenPerMillisecond = 500;
 
 } // namespace
 
@@ -71,7 +73,7 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
         BaseString::PutTrace("Error unable to receive signals : ", strerror(errno), 1);
         return 1;
     }
-    waiting_.SetDescriptorLimit(sysconf(_SC_OPEN_MAX));
+    waiting_.Prepare(sysconf(_SC_OPEN_MAX));
     if (!noPasswordCheck_)
         ProcessSetup::KeepMemoryPrivate();
     if (singleUser_)
@@ -79,6 +81,7 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
     environmentEntry_ = "RUVELSERVER_TMP=";
     environmentEntry_.Append(logDirectory_);
     putenv(const_cast<char*>(environmentEntry_.ConvertToChar()));
+    WriterReader::RemoveAbandoned();
     return OpenWithRetries(port, retryNumber, retryTime) != 0 || ProbeDataPort() != 0;
 }
 
@@ -171,8 +174,14 @@ void RuvelServer::ReceiveSignals()
 void RuvelServer::ReapChildren(bool childEnded)
 {
     const long long now = Clock::SteadyMilliseconds();
-    if (childEnded && reapAllAt_ == Deadline::Never)
-        reapAllAt_ = now + (ChildTable::CountOfRunning() > ManyChildren ? ReapDelay : 0);
+    const int children = ChildTable::CountOfRunning();
+    if (childEnded && children <= ManyChildren) {
+        reapAllAt_ = now;
+    } else if (childEnded) {
+        ChildTable::ReapYoungest();
+        reapAllAt_ = Deadline::Earlier(reapAllAt_,
+                                       now + std::max(ShortestReapPause, children / ChildrenPerMillisecond));
+    }
     if (!Deadline::IsPast(reapAllAt_, now))
         return;
     reapAllAt_ = Deadline::Never;
@@ -198,7 +207,7 @@ void RuvelServer::ServeCompleteRequests()
             break;
         ServeGuarded(*client);
     }
-    checks_.StartWaiting([this](QORListPtrBaseSocket& sockets) { GetListOfSocketToClose(sockets); });
+    checks_.StartWaiting([this] { return ListSocketsForWorker(); });
     waiting_.Sweep();
 }
 

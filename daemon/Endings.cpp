@@ -96,8 +96,7 @@ void RuvelServer::TellEndedCommand(BaseConnection& command, const EndingDemand& 
     } else {
         auto log = std::make_unique<LogConnection>(command, code);
         log->SetMessage(QORUnicodeString(message));
-        QORListPtrBaseSocket sockets(0);
-        GetListOfSocketToClose(sockets);
+        QORListPtrBaseSocket sockets = ListSocketsForWorker();
         if (log->StartThreadOrProcess(sockets) == 0)
             logs_.Append(log.release());
     }

@@ -55,8 +55,7 @@ void RuvelServer::ServeAllInfo(WaitingClient& client)
 {
     auto report = std::make_unique<ReportConnection>(QORUnicodeString(ListActiveWork()), readTimeOut_);
     TakeSocket(client, *report);
-    QORListPtrBaseSocket sockets(0);
-    GetListOfSocketToClose(sockets);
+    QORListPtrBaseSocket sockets = ListSocketsForWorker();
     if (reports_.size() < MostReports && report->StartThreadOrProcess(sockets) == 0) {
         reports_.push_back(std::move(report));
         return;

@@ -134,7 +134,7 @@ bool RuvelServer::NeedsUserCheck(const WaitingClient& client) const
 void RuvelServer::RefuseUsers()
 {
     const long long now = Clock::SteadyMilliseconds();
-    for (const auto& client : waiting_.All())
+    for (const auto& client : waiting_.Heard())
         if (client->state == State::Refused && Deadline::IsPast(client->stateDeadline, now))
             (this->*ServiceOf(*client).refuse)(*client, RefusalReason(*client));
 }

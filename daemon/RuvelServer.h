@@ -26,12 +26,12 @@
 template <class T>
 T* TakeOff(QORListPtr<T>& list, const Connection* connection)
 {
-    for (int i = 1; i <= list.Size(); ++i) {
+    // From the end, as what is short-lived is young.
+    for (int i = list.Size(); i >= 1; --i) {
         T* const element = list[i];
         if (element != connection)
             continue;
-        list[i] = nullptr;
-        list.RemoveNulls();
+        list.RemoveAt(i);
         return element;
     }
     return nullptr;
@@ -168,6 +168,8 @@ private:
     void CheckTransfers();
     void CheckCommands();
     void CheckReports();
+    /** What a worker about to be forked closes one by one: nothing, where the system closes all at once. */
+    QORListPtrBaseSocket ListSocketsForWorker();
     std::unique_ptr<BaseConnection> TakeCommand(BaseConnection* command);
     void ReportCommand(BaseConnection& command, int code);
     void CheckFarewells();

@@ -7,6 +7,7 @@
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
+#include "support/ProcessSetup.h"
 
 namespace
 {
@@ -113,8 +114,7 @@ void RuvelServer::ReportCommand(BaseConnection& command, int code)
         log->GetSocket() = command.GetSocket();
         command.GetSocket().Reset();
     }
-    QORListPtrBaseSocket sockets(0);
-    GetListOfSocketToClose(sockets);
+    QORListPtrBaseSocket sockets = ListSocketsForWorker();
     logs_.MakeRoom(); // a worker that runs must not be lost
     if (log->StartThreadOrProcess(sockets) == 0) {
         logs_.Append(log.release());
@@ -151,8 +151,7 @@ void RuvelServer::StartFarewells()
         return;
     startFarewellsAt_ = Deadline::Never;
     for (const auto& farewell : farewells_) {
-        QORListPtrBaseSocket sockets(0);
-        GetListOfSocketToClose(sockets);
+        QORListPtrBaseSocket sockets = ListSocketsForWorker();
         if (farewell->IsHandedOver() || farewell->HandOver(sockets) == 0)
             continue;
         startFarewellsAt_ = now + FarewellPause;
@@ -221,6 +220,14 @@ void AppendOpenSockets(List& connections, QORListPtrBaseSocket& sockets)
 }
 
 } // namespace
+
+QORListPtrBaseSocket RuvelServer::ListSocketsForWorker()
+{
+    QORListPtrBaseSocket sockets(0);
+    if (!ProcessSetup::ClosesAllAtOnce())
+        GetListOfSocketToClose(sockets);
+    return sockets;
+}
 
 void RuvelServer::GetListOfSocketToClose(QORListPtrBaseSocket& sockets)
 {

@@ -42,9 +42,8 @@ void RuvelServer::ServeTransfer(WaitingClient& client)
     transfer->SetUserVerdict(noPasswordCheck_ || client.verdict == WaitingClient::Verdict::Good,
                              QORUnicodeString(RefusalReason(client)));
 
-    QORListPtrBaseSocket sockets(0);
     TakeSocket(client, *transfer);
-    GetListOfSocketToClose(sockets);
+    QORListPtrBaseSocket sockets = ListSocketsForWorker();
     transfers_.MakeRoom(); // a worker that runs must not be lost
     if (transfer->StartThreadOrProcess(sockets) != 0) {
         const std::string text = std::string(protocol::Error)

@@ -62,12 +62,10 @@ void UserChecks::CollectVerdicts()
     });
 }
 
-bool UserChecks::Start(WaitingClient& client,
-                       const std::function<void(QORListPtrBaseSocket&)>& socketsToClose)
+bool UserChecks::Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose)
 {
     try {
-        QORListPtrBaseSocket sockets(0);
-        socketsToClose(sockets);
+        QORListPtrBaseSocket sockets = socketsToClose();
         // Not before: what the queue holds is in memory that no worker gets to see.
         client.connection.SetCredentials(client.fields[2], client.fields[3]);
         return client.connection.StartThreadOrProcess(sockets) == 0;
@@ -76,7 +74,7 @@ bool UserChecks::Start(WaitingClient& client,
     }
 }
 
-void UserChecks::StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& socketsToClose)
+void UserChecks::StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose)
 {
     while (!waiting_.empty() && HasRoom()) {
         WaitingClient* client = TakeNext();

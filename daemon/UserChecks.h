@@ -40,7 +40,7 @@ public:
     /** Gives every client whose check has ended its verdict: state complete when good, refused when bad. */
     void CollectVerdicts();
     /** Starts what may run. `socketsToClose` makes the list for a worker about to be forked. */
-    void StartWaiting(const std::function<void(QORListPtrBaseSocket&)>& socketsToClose);
+    void StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose);
     /** When StartWaiting() may have something to start though nothing has happened. */
     long long NextDeadline() const;
     /** Ends the checks that run and forgets the clients: the daemon stops. */
@@ -48,8 +48,7 @@ public:
 
 private:
     bool HasRoom() const;
-    static bool Start(WaitingClient& client,
-                      const std::function<void(QORListPtrBaseSocket&)>& socketsToClose);
+    static bool Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose);
     WaitingClient* TakeNext();
 
     std::size_t processors_;

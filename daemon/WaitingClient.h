@@ -1,5 +1,8 @@
 #pragma once
 
+#include <list>
+#include <memory>
+
 #include "connections/RequestConnection.h"
 #include "daemon/LaunchArguments.h"
 #include "daemon/Poller.h"
@@ -25,6 +28,8 @@ struct WaitingClient {
     /** What is known of the user. Unchecked also when the check itself failed. */
     enum class Verdict { Unchecked, Good, Bad };
 
+    using List = std::list<std::unique_ptr<WaitingClient>>;
+
     RequestConnection connection;
     protocol::RequestText text;
     State state = State::Reading;
@@ -33,6 +38,8 @@ struct WaitingClient {
     /** Reading: when what has arrived is taken for the whole. Refused: when the refusal is sent. */
     long long stateDeadline = Deadline::Never;
     int slot = Poller::NoSlot;
+    bool isSilent = false; // on the list of those who have said nothing
+    List::iterator place;  // on the list that it is on
 
     // From here on set when the request is complete.
     long long completedAt = 0;

@@ -9,6 +9,7 @@
 #include "support/Clock.h"
 
 #include <string.h>
+#include <sys/epoll.h>
 
 namespace
 {
@@ -31,9 +32,10 @@ void Complete(WaitingClient& client)
 
 } // namespace
 
-void WaitingClients::SetDescriptorLimit(long limit)
+void WaitingClients::Prepare(long descriptorLimit)
 {
-    mostReading_ = static_cast<int>(std::clamp<long>((limit - Headroom) / 2, 1, MostReading));
+    mostReading_ = static_cast<int>(std::clamp<long>((descriptorLimit - Headroom) / 2, 1, MostReading));
+    silentSet_ = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
 }
 
 void WaitingClients::AddTo(Poller& poller, const BaseSocket& listening)
@@ -41,7 +43,8 @@ void WaitingClients::AddTo(Poller& poller, const BaseSocket& listening)
     listeningSlot_ = Poller::NoSlot;
     if (listening.GetBaseSocketStatus() && acceptAgainAt_ == Deadline::Never)
         listeningSlot_ = poller.Add(listening.GetBaseSocketNumber(), POLLIN);
-    for (auto& client : clients_)
+    silentSlot_ = silent_.empty() ? Poller::NoSlot : poller.Add(silentSet_.Number(), POLLIN);
+    for (auto& client : heard_)
         if (client->state == State::Reading)
             client->slot = poller.Add(client->connection.GetSocket().GetBaseSocketNumber(), POLLIN);
 }
@@ -50,12 +53,14 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
                                    const std::function<void()>& freeDescriptor)
 {
     const long long now = Clock::SteadyMilliseconds();
-    for (auto& client : clients_) {
+    for (auto& client : heard_) {
         if (client->state == State::Reading && poller.Events(client->slot) != 0)
             Read(*client);
         client->slot = Poller::NoSlot;
         CheckDeadlines(*client, now);
     }
+    ReadSilent(poller);
+    DropSilent(now);
 
     const bool resume = Deadline::IsPast(acceptAgainAt_, now);
     if (resume)
@@ -64,6 +69,53 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
         return;
     for (int i = 0; i < MostPerTurn && AcceptOne(listening, freeDescriptor); ++i)
         ;
+}
+
+void WaitingClients::ReadSilent(const Poller& poller)
+{
+    if (poller.Events(silentSlot_) == 0)
+        return;
+    // Whoever does not fit in is told of at the next turn.
+    std::array<epoll_event, 4 * MostPerTurn> events;
+    const int count = epoll_wait(silentSet_.Number(), events.data(), static_cast<int>(events.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        auto& client = *static_cast<WaitingClient*>(events[static_cast<std::size_t>(i)].data.ptr);
+        BecomeHeard(client);
+        Read(client);
+    }
+}
+
+void WaitingClients::DropSilent(long long now)
+{
+    while (!silent_.empty() && Deadline::IsPast(silent_.front()->readDeadline, now)) {
+        WaitingClient& client = *silent_.front();
+        BecomeHeard(client);
+        CheckDeadlines(client, now);
+    }
+}
+
+/** Where that cannot be had the client stays among the others, who are asked one by one. */
+void WaitingClients::BecomeSilent(WaitingClient& client)
+{
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.ptr = &client;
+    const int descriptor = client.connection.GetSocket().GetBaseSocketNumber();
+    if (epoll_ctl(silentSet_.Number(), EPOLL_CTL_ADD, descriptor, &event) != 0)
+        return;
+    silent_.splice(silent_.end(), heard_, client.place);
+    client.isSilent = true;
+}
+
+void WaitingClients::BecomeHeard(WaitingClient& client)
+{
+    if (!client.isSilent)
+        return;
+    // Not left to the close: whoever shares the socket keeps it open, and in the set.
+    epoll_ctl(silentSet_.Number(), EPOLL_CTL_DEL, client.connection.GetSocket().GetBaseSocketNumber(),
+              nullptr);
+    heard_.splice(heard_.end(), silent_, client.place);
+    client.isSilent = false;
 }
 
 /** False when nobody is there to be accepted. */
@@ -87,10 +139,13 @@ bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<void()
     const long long now = Clock::SteadyMilliseconds();
     client->connection.SetPeer(address, now);
     client->readDeadline = now + 1000LL * readTimeOut_;
-    clients_.push_back(std::move(client));
+    WaitingClient& accepted = *client;
+    accepted.place = heard_.insert(heard_.end(), std::move(client));
     ++readingCount_;
     // The request usually comes with the connection: looking at once saves a turn.
-    Read(*clients_.back());
+    Read(accepted);
+    if (accepted.state == State::Reading && accepted.text.IsEmpty())
+        BecomeSilent(accepted);
     return true;
 }
 
@@ -158,26 +213,29 @@ void WaitingClients::CheckDeadlines(WaitingClient& client, long long now)
 
 WaitingClient* WaitingClients::NextComplete()
 {
-    const auto complete = std::find_if(clients_.begin(), clients_.end(),
+    const auto complete = std::find_if(heard_.begin(), heard_.end(),
                                        [](const auto& client) { return client->state == State::Complete; });
-    return complete == clients_.end() ? nullptr : complete->get();
+    return complete == heard_.end() ? nullptr : complete->get();
 }
 
 void WaitingClients::Sweep()
 {
-    std::erase_if(clients_, [](const auto& client) { return client->state == State::Gone; });
+    heard_.remove_if([](const auto& client) { return client->state == State::Gone; });
 }
 
 void WaitingClients::Clear()
 {
-    clients_.clear();
+    silent_.clear();
+    heard_.clear();
     readingCount_ = 0;
 }
 
 long long WaitingClients::NextDeadline() const
 {
     long long next = acceptAgainAt_;
-    for (const auto& client : clients_) {
+    if (!silent_.empty())
+        next = Deadline::Earlier(next, silent_.front()->readDeadline);
+    for (const auto& client : heard_) {
         if (client->state == State::Complete)
             return 0; // more than one turn could serve: the next one must not wait
         if (client->state == State::Reading)
@@ -190,27 +248,40 @@ long long WaitingClients::NextDeadline() const
 
 void WaitingClients::AppendSocketsTo(QORListPtrBaseSocket& sockets)
 {
-    for (auto& client : clients_)
-        if (client->connection.GetSocket().GetBaseSocketStatus())
-            sockets.Append(&client->connection.GetSocket());
+    for (const auto* clients : {&silent_, &heard_})
+        for (auto& client : *clients)
+            if (client->connection.GetSocket().GetBaseSocketStatus())
+                sockets.Append(&client->connection.GetSocket());
 }
 
 bool WaitingClients::MakeRoom()
 {
     std::unordered_map<in_addr_t, int> held;
-    for (const auto& client : clients_)
-        if (client->state == State::Reading)
-            ++held[client->connection.GetPeerAddress().sin_addr.s_addr];
+    for (const auto* clients : {&silent_, &heard_})
+        for (const auto& client : *clients)
+            if (client->state == State::Reading)
+                ++held[client->connection.GetPeerAddress().sin_addr.s_addr];
     const auto most = std::max_element(held.begin(), held.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
     if (most == held.end())
         return false;
-    const auto longest = std::find_if(clients_.begin(), clients_.end(), [&](const auto& client) {
-        return client->state == State::Reading &&
-               client->connection.GetPeerAddress().sin_addr.s_addr == most->first;
-    });
-    DropUnanswered(**longest, "too many clients wait");
+    WaitingClient& longest = *FindLongestReading(most->first);
+    BecomeHeard(longest);
+    DropUnanswered(longest, "too many clients wait");
     --readingCount_;
-    (*longest)->connection.GetSocket().CloseBaseSocket();
+    longest.connection.GetSocket().CloseBaseSocket();
     return true;
+}
+
+/** The one of this address whose time-out is next; there is one. */
+WaitingClient* WaitingClients::FindLongestReading(in_addr_t address)
+{
+    WaitingClient* longest = nullptr;
+    for (const auto* clients : {&silent_, &heard_})
+        for (const auto& client : *clients)
+            if (client->state == State::Reading &&
+                client->connection.GetPeerAddress().sin_addr.s_addr == address &&
+                (longest == nullptr || client->readDeadline < longest->readDeadline))
+                longest = client.get();
+    return longest;
 }

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <list>
 #include <memory>
-#include <vector>
 
 #include "daemon/WaitingClient.h"
+#include "support/FileDescriptor.h"
 
 /**
  * The server's list of requests: every accepted client until its request has been served. It accepts,
@@ -14,6 +15,9 @@
  * At most MostReading clients, fewer where descriptors are few, may be without a complete request. Then the
  * one that has waited longest makes room, from the address that holds most of them, so that a crowd of silent
  * connections keeps nobody out.
+ *
+ * Those who have said nothing yet stand apart, behind one descriptor that tells when one of them speaks: so a
+ * turn costs the same however many they are.
  */
 class WaitingClients
 {
@@ -31,8 +35,9 @@ public:
     WaitingClients(const WaitingClients&) = delete;
     WaitingClients& operator=(const WaitingClients&) = delete;
 
-    /** The process may have so many descriptors open: half of what they leave goes to serving requests. */
-    void SetDescriptorLimit(long limit);
+    /** Comes first. The process may have so many descriptors open: half of what they leave goes to serving
+     * requests. */
+    void Prepare(long descriptorLimit);
     /** Adds the listening socket, unless accepting pauses, and everybody whose bytes are awaited. */
     void AddTo(Poller& poller, const BaseSocket& listening);
     /**
@@ -49,12 +54,18 @@ public:
     void Clear();
 
     long long NextDeadline() const;
-    const std::vector<std::unique_ptr<WaitingClient>>& All() const { return clients_; }
+    /** Everybody but those who have said nothing. */
+    const WaitingClient::List& Heard() const { return heard_; }
     void AppendSocketsTo(QORListPtrBaseSocket& sockets);
     /** Drops the client that has to make room first; false when nobody is reading. */
     bool MakeRoom();
 
 private:
+    void ReadSilent(const Poller& poller);
+    void DropSilent(long long now);
+    void BecomeSilent(WaitingClient& client);
+    void BecomeHeard(WaitingClient& client);
+    WaitingClient* FindLongestReading(in_addr_t address);
     bool AcceptOne(BaseSocket& listening, const std::function<void()>& freeDescriptor);
     void Read(WaitingClient& client);
     void Receive(WaitingClient& client);
@@ -62,7 +73,10 @@ private:
     void TraceExhaustion(const QORUnicodeString& reason);
 
     const int& readTimeOut_;
-    std::vector<std::unique_ptr<WaitingClient>> clients_; // in the order of acceptance
+    WaitingClient::List silent_; // in the order of acceptance, which is that of their time-outs
+    FileDescriptor silentSet_;   // an epoll instance with those
+    int silentSlot_ = Poller::NoSlot;
+    WaitingClient::List heard_;
     int readingCount_ = 0;
     int mostReading_ = MostReading;
     int listeningSlot_ = Poller::NoSlot;

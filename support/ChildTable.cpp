@@ -1,8 +1,10 @@
 #include "support/ChildTable.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <unordered_map>
+#include <vector>
 
 #include "support/Clock.h"
 #include "support/PidDescriptor.h"
@@ -33,8 +35,10 @@ struct Abandoned {
 Abandoned* abandoned = nullptr;
 unsigned long long lastSerial = 0;
 int unaskedEnds = 0;
-std::deque<long> ends; // that nobody has taken yet
+std::deque<long> ends;            // that nobody has taken yet
+std::array<pid_t, 16> youngest{}; // the last that were entered, each in the place of its serial
 
+constexpr int MostReapedByWalk = 16;
 constexpr int BlindPollMilliseconds = 10; // between two looks at a child for which no pidfd could be had
 
 Records::iterator FindRunning(pid_t processId)
@@ -64,6 +68,25 @@ void NoteEnd(pid_t processId, int waitStatus)
     ends.push_back(processId);
 }
 
+/** False when no child is there that has ended. */
+bool ReapAny()
+{
+    int waitStatus = 0;
+    const pid_t processId = waitpid(-1, &waitStatus, WNOHANG);
+    if (processId > 0)
+        NoteEnd(processId, waitStatus);
+    return processId > 0;
+}
+
+std::vector<pid_t> ListRunning()
+{
+    std::vector<pid_t> running;
+    for (const auto& [processId, record] : records)
+        if (!record.ended)
+            running.push_back(processId);
+    return running;
+}
+
 /** Waits until the child ends, or for at most this long; it may return early. */
 void Doze(int pidDescriptor, long long milliseconds)
 {
@@ -91,15 +114,21 @@ ChildId Enter(pid_t processId)
     spare.key() = processId;
     spare.mapped() = Record{++lastSerial, false, 0};
     records.insert(std::move(spare));
+    youngest[lastSerial % youngest.size()] = processId;
     return ChildId{processId, lastSerial};
 }
 
 void Reap()
 {
-    int waitStatus = 0;
-    pid_t processId = 0;
-    while ((processId = waitpid(-1, &waitStatus, WNOHANG)) > 0)
-        NoteEnd(processId, waitStatus);
+    // Each of these calls passes by all older children that live: when many have ended, one call for each of
+    // them would cost their number squared.
+    for (int i = 0; i < MostReapedByWalk; ++i)
+        if (!ReapAny())
+            return;
+    for (const pid_t processId : ListRunning())
+        ReapOne(processId);
+    while (ReapAny())
+        ; // strangers
 }
 
 void ReapOne(pid_t processId)
@@ -107,6 +136,13 @@ void ReapOne(pid_t processId)
     int waitStatus = 0;
     if (processId > 0 && waitpid(processId, &waitStatus, WNOHANG) == processId)
         NoteEnd(processId, waitStatus);
+}
+
+void ReapYoungest()
+{
+    for (const pid_t processId : youngest)
+        if (HoldsRunning(processId))
+            ReapOne(processId);
 }
 
 ChildState Ask(const ChildId& child, int& waitStatus)
@@ -186,6 +222,7 @@ void Clear()
     abandoned = new Abandoned{std::move(records), abandoned};
     records = Records();
     ends.clear();
+    youngest.fill(0);
     unaskedEnds = 0;
 }
 } // namespace ChildTable

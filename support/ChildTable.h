@@ -38,10 +38,14 @@ namespace ChildTable
 void Prepare();
 /** Enters a child that was just forked. Must come before the next Reap(). */
 ChildId Enter(pid_t processId);
-/** Collects, without blocking, every child that has ended. Its cost grows with the number of children. */
+/** Collects, without blocking, every child that has ended. Its cost grows with the number of children, but
+ * no more than that however many of them have ended. */
 void Reap();
 /** Collects this child if it has ended, at the same cost however many children there are. */
 void ReapOne(pid_t processId);
+/** Collects those of the youngest children that have ended: where signals have run into one, these are the
+ * likeliest to be behind it. The cost does not grow either. */
+void ReapYoungest();
 /** The child's state as of the last Reap(); an ended child's wait status goes to `waitStatus` and its entry.
  */
 ChildState Ask(const ChildId& child, int& waitStatus);

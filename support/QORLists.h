@@ -48,6 +48,8 @@ public:
     int Size() const { return static_cast<int>(pointers_.size()); }
     T*& operator[](int position) { return pointers_[static_cast<size_t>(position - 1)]; }
     T* operator[](int position) const { return pointers_[static_cast<size_t>(position - 1)]; }
+    /** Drops one slot; those behind it move up. */
+    void RemoveAt(int position) { pointers_.erase(pointers_.begin() + (position - 1)); }
     /** Drops every null slot; the others keep their order. */
     void RemoveNulls() { std::erase(pointers_, nullptr); }
     void RemoveAll(QORCollec::MemoryHandling handling)

@@ -196,3 +196,22 @@ TEST(Launch, TheLongestCommandThatAShellCanGetRuns)
     EXPECT_EQ(Ask(daemon, Launch("SOCKET", start + std::string(131071 - start.size(), 'x')) + "\n"),
               Finished("long\n", 0));
 }
+
+TEST(Launch, ACrowdOfClientsMakesNoDifference)
+{
+    DaemonUnderTest daemon;
+    // From some hundreds on children get their descriptors in another way.
+    std::vector<Client> silent;
+    while (silent.size() < 600) {
+        silent.push_back(daemon.Connect());
+        if (silent.size() % 32 == 0) // no more at once than may wait to be accepted
+            Ask(daemon, Keyword("INFO"));
+    }
+    for (const char* mode : {"SOCKET", "NOSOCKET"})
+        EXPECT_EQ(Ask(daemon, Launch(mode, "ls /proc/self/fd; exit 3")), Finished("0\n1\n2\n3\n", 3)) << mode;
+    // The worker of a listing has its client's socket and no other: it ends with the others still there.
+    EXPECT_NE(Ask(daemon, Keyword("ALLINFO")).find("active file transfer(s)"), std::string::npos);
+    // Those who were silent are heard all the same.
+    silent.front().Send(Launch("SOCKET", "echo first"));
+    EXPECT_EQ(silent.front().ReadToEnd(), Finished("first\n", 0));
+}
