@@ -160,7 +160,7 @@ void LogConnection::TransferStream(BaseSocket& socket, OpenFile& log)
         return;
     ProgressReport progress(GetStatusBoard(), protocol::SentLead);
     long long bytesSent = 0;
-    char block[BlockSize];
+    alignas(4096) char block[BlockSize]; // whole pages are copied at less cost
     long count;
     while ((count = log.Read(block, sizeof block)) > 0) {
         if (socket.WriteBinaryFileToBaseSocket(block, static_cast<int>(count)) == -1) {
