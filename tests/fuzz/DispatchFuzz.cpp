@@ -21,6 +21,7 @@
 
 #include "daemon/Poller.h"
 #include "daemon/RuvelServer.h"
+#include "support/ChildStart.h"
 #include "support/Clock.h"
 #include "tests/fuzz/Fuzz.h"
 
@@ -126,9 +127,12 @@ void SignalSelf()
 }
 } // namespace
 
-// Every fork of the daemon's ends up here: the child never returns.
 extern "C" __attribute__((returns_twice)) pid_t __real_vfork();
-extern "C" pid_t __wrap_fork()
+
+namespace
+{
+/** What every child of the daemon's is instead. */
+pid_t StartHarmlessChild()
 {
     const bool stays = (play->mode & CommandsStay) != 0;
     const pid_t child = __real_vfork();
@@ -149,8 +153,42 @@ extern "C" pid_t __wrap_fork()
         waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT); // so that every run goes the same
     return child;
 }
+} // namespace
+
+// The daemon's own way to start its children. The linker takes this one and not the library's.
+void ChildStart::ReserveDescriptors() {}
+
+ChildStart::Handover::Handover(Memory memory, int first, int second)
+    : memory_(memory), first_(first), second_(second)
+{
+}
+
+ChildStart::Handover::~Handover() = default;
+
+pid_t ChildStart::Handover::Start(void (*)(void*), void*) const
+{
+    static_cast<void>(memory_);
+    return StartHarmlessChild();
+}
+
+// And should it ever find another: no input may have anything run.
+extern "C" pid_t __wrap_fork()
+{
+    Require(false, "no child is started but by ChildStart");
+    return -1;
+}
 
 extern "C" pid_t __wrap_vfork()
+{
+    return __wrap_fork();
+}
+
+extern "C" int __wrap_clone(int (*)(void*), void*, int, void*, ...)
+{
+    return __wrap_fork();
+}
+
+extern "C" int __wrap_execve(const char*, char* const*, char* const*)
 {
     return __wrap_fork();
 }
