@@ -34,8 +34,7 @@ const Row Memory = {"live-memory",
 const Curve Commands = {"live-commands", "`true` while others live", "live commands", "ms"};
 const Curve InfoLines = {"info-lines", "INFO", "live commands", "ms"};
 const Curve MemoryCurve = {"memory", "the daemon's memory, PSS", "live commands", "KiB"};
-const Curve Ends = {"ends", "the end of all of them at once, until the last has been reported",
-                    "live commands", "ms"};
+const Curve Ends = {"ends", "the end of all at once, until all are told", "live commands", "ms"};
 
 constexpr int Most = 10000;
 constexpr int Steps[] = {0, 1000, 2500, 5000, Most};
@@ -123,7 +122,7 @@ double MedianFloor(int launches)
 
 void AddRound(const BenchDaemon& loaded, const BenchDaemon& empty, int count, int launches, Results& results)
 {
-    results.Add(Commands, "vfork, exec, wait", count, MedianFloor(launches));
+    results.Add(Commands, "a plain vfork, by the process with all the clients", count, MedianFloor(launches));
     for (const auto& [mode, row] : {std::pair{"SOCKET", &Launch}, std::pair{"NOSOCKET", &Nosocket}}) {
         const double without = MedianLaunch(empty, mode, launches);
         const double with = MedianLaunch(loaded, mode, launches);
