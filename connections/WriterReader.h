@@ -12,7 +12,9 @@
  * use the board under another effective identity than it was made with; therefore anybody on the machine
  * may alter the semaphore, and a reader relies on nothing that the lock promises but the slot's size.
  *
- * The segment disappears by itself with the last process that has it attached.
+ * The segment disappears by itself with the last process that has it attached. The semaphore does not: beside
+ * the one that is the lock its set holds others, whose values tell which daemon made it, so that the next one
+ * can tell what a killed one has left.
  */
 class WriterReader
 {
@@ -25,6 +27,12 @@ public:
     WriterReader(const WriterReader&) = delete;
     WriterReader& operator=(const WriterReader&) = delete;
     ~WriterReader();
+
+    /**
+     * Removes the semaphores of boards whose daemon has gone. Only what is beyond doubt: made by this user,
+     * marked as a board, by a process of this process' own namespace that lives no more.
+     */
+    static void RemoveAbandoned();
 
     /** 0 usable, -1 not. Never changes after construction. */
     const int& GetStatus() const { return status_; }

@@ -19,6 +19,7 @@ namespace
 constexpr long NapNanoseconds = 200000; // between two looks at a tree that is stopping
 constexpr int MostNaps = 25;            // 5 ms in all: a member may be unable to stop for as long as it likes
 constexpr long long MostMilliseconds = 100; // for a tree that grows as fast as it is stopped
+constexpr int MostMissedInARow = 8;         // looks at the orphans alone
 // What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
 constexpr std::size_t MostPidDescriptors = 1024;
 
@@ -41,22 +42,27 @@ public:
 
     /** One walk over the tree. */
     void Walk();
-    /** The last walk found new members. */
-    bool HasGrown() const { return grown_; }
+    /** The last walk found new members, or somebody who had just gone: who may have left a successor, which
+     * the lists that were read before cannot show. */
+    bool HasMoved() const { return grown_ || missed_; }
+    bool HasMissedSome() const { return missed_; }
     /** It did not, and left nothing in doubt either. */
-    bool IsSettled() const { return !grown_ && !doubtful_; }
+    bool IsSettled() const { return !HasMoved() && !doubtful_; }
     bool AreAllStill() const;
     bool Holds(pid_t processId) const { return members_.contains(processId); }
 
 private:
     bool IsSessionStillTheirs() const;
+    void WalkOrphans(ChildrenReader& reader);
     void Consider(pid_t orphan);
     void Hold(pid_t processId, const Member* parent);
 
     ProcessTree& tree_;
     bool sessionIsTheirs_;
     bool grown_ = false;
+    bool missed_ = false;
     bool doubtful_ = false;
+    int missedInARow_ = 0;
     std::unordered_set<pid_t> members_;
     std::unordered_set<pid_t> strangers_; // orphans that have been looked at: once a search is enough
 };
@@ -91,6 +97,11 @@ void ProcessTree::Search::Consider(pid_t orphan)
         Hold(orphan, nullptr);
         return;
     }
+    if (status.HasEnded()) { // and tells no more whose it was
+        missed_ = true;
+        strangers_.insert(orphan);
+        return;
+    }
     switch (ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_)) {
     case ProcessFiles::Answer::Yes:
         Hold(orphan, nullptr);
@@ -113,8 +124,10 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     if (!ProcessFiles::ReadStatus(processId, status)) {
         // Either it is gone, or the pidfd was the last descriptor there was, which reading needs more.
         member.pidDescriptor = FileDescriptor();
-        if (!ProcessFiles::ReadStatus(processId, status))
+        if (!ProcessFiles::ReadStatus(processId, status)) {
+            missed_ = true;
             return;
+        }
     }
     member.startTime = status.startTime;
     if (parent != nullptr &&
@@ -129,19 +142,31 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     Send(tree_.members_.back(), SIGSTOP);
 }
 
+/** The youngest first: who always leaves a successor and goes is found at the end of the list or never. */
+void ProcessTree::Search::WalkOrphans(ChildrenReader& reader)
+{
+    const std::vector<pid_t> children = reader.ListChildren(getpid());
+    for (auto child = children.rbegin(); child != children.rend(); ++child) {
+        // Another command or a worker is no orphan, whatever it bears.
+        if (!members_.contains(*child) && !strangers_.contains(*child) && !ChildTable::HoldsRunning(*child))
+            Consider(*child);
+    }
+}
+
 void ProcessTree::Search::Walk()
 {
     grown_ = false;
+    missed_ = false;
     doubtful_ = false;
     ChildrenReader reader;
     const auto command = static_cast<pid_t>(tree_.command_.processId);
     if (ChildTable::IsRunning(tree_.command_) && !members_.contains(command))
         Hold(command, nullptr);
-    for (const pid_t child : reader.ListChildren(getpid())) {
-        // Another command or a worker is no orphan, whatever it bears.
-        if (!members_.contains(child) && !strangers_.contains(child) && !ChildTable::HoldsRunning(child))
-            Consider(child);
-    }
+    WalkOrphans(reader);
+    // A successor is caught by being quick; but somebody else's must not keep this from the rest.
+    missedInARow_ = missed_ ? missedInARow_ + 1 : 0;
+    if (missedInARow_ % MostMissedInARow != 0)
+        return;
     // Members found here are walked too: they join at the end.
     for (std::size_t i = 0; i < tree_.members_.size(); ++i)
         for (const pid_t child : reader.ListChildren(tree_.members_[i].processId))
@@ -169,6 +194,7 @@ ProcessTree& ProcessTree::operator=(ProcessTree&& other) noexcept
     command_ = std::exchange(other.command_, ChildId());
     mark_ = std::exchange(other.mark_, std::string());
     lastSignal_ = std::exchange(other.lastSignal_, 0);
+    isUnsettled_ = std::exchange(other.isUnsettled_, false);
     members_ = std::exchange(other.members_, std::vector<Member>());
     return *this;
 }
@@ -210,16 +236,16 @@ bool ProcessTree::StopAll()
     Search search(*this);
     const long long start = Clock::SteadyMilliseconds();
     int naps = 0;
-    for (;;) {
+    for (isUnsettled_ = true; isUnsettled_;) {
         // A tree that stood still before a walk, and in which the walk found nobody new, is complete.
-        const bool still = search.AreAllStill();
+        const bool still = !search.HasMissedSome() && search.AreAllStill();
         search.Walk();
-        if ((still && search.IsSettled()) || Clock::SteadyMilliseconds() - start > MostMilliseconds)
+        isUnsettled_ = !still || !search.IsSettled();
+        if (Clock::SteadyMilliseconds() - start > MostMilliseconds || naps == MostNaps)
             break;
-        if (search.HasGrown())
+        if (search.HasMoved() || !isUnsettled_)
             continue;
-        if (++naps > MostNaps)
-            break;
+        ++naps;
         Nap();
     }
     return search.Holds(static_cast<pid_t>(command_.processId));
@@ -230,6 +256,7 @@ void ProcessTree::Signal(int signal)
     if (command_.IsNone())
         return;
     lastSignal_ = signal;
+    isUnsettled_ = false;
     LetGoOfEnded();
     bool isCommandHeld = false;
     try {
@@ -256,5 +283,5 @@ int ProcessTree::CountAlive()
         Signal(lastSignal_);
         LetGoOfEnded();
     }
-    return static_cast<int>(members_.size());
+    return static_cast<int>(members_.size()) + (isUnsettled_ ? 1 : 0);
 }

@@ -36,8 +36,8 @@ public:
     void Signal(int signal);
     /**
      * Number of members found so far that are still alive; those that have ended are let go. When the last
-     * one has, it looks once more for what they may have left behind, which gets the last signal too. 0
-     * before the first Signal().
+     * one has, it looks once more for what they may have left behind, which gets the last signal too. One
+     * more while the tree moved on faster than it could be looked through. 0 before the first Signal().
      */
     int CountAlive();
 
@@ -57,5 +57,6 @@ private:
     ChildId command_;
     std::string mark_;
     int lastSignal_ = 0;
+    bool isUnsettled_ = false;
     std::vector<Member> members_; // in the order in which they were found, parents first
 };

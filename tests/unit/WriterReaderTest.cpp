@@ -58,6 +58,39 @@ TEST(WriterReader, HoldsWhatFits)
     }
 }
 
+TEST(WriterReader, RemovesOnlyWhatTheDeadHaveLeft)
+{
+    // Whose set it is, is known from who set its values.
+    const auto setOf = [](pid_t process) {
+        seminfo information;
+        const int last = semctl(0, 0, SEM_INFO, &information);
+        for (int i = 0; i <= last; ++i) {
+            semid_ds description;
+            const int set = semctl(i, 0, SEM_STAT, &description);
+            if (set != -1 && semctl(set, 0, GETPID) == process)
+                return set;
+        }
+        return -1;
+    };
+    const auto stands = [](int set) { return semctl(set, 0, GETPID) != -1; };
+    const pid_t dead = Fork([] { new WriterReader(16); });
+    const pid_t living = Fork([] { new WriterReader(16); });
+    const pid_t stranger = Fork([] { semctl(semget(IPC_PRIVATE, 9, 0622), 0, SETVAL, 1); });
+    const int sets[] = {setOf(dead), setOf(living), setOf(stranger)};
+    Kill(stranger);
+    WriterReader::RemoveAbandoned();
+    EXPECT_TRUE(stands(sets[0]));
+    Kill(dead);
+    WriterReader::RemoveAbandoned();
+    EXPECT_FALSE(stands(sets[0]));
+    EXPECT_TRUE(stands(sets[1]));
+    EXPECT_TRUE(stands(sets[2]));
+    Kill(living);
+    WriterReader::RemoveAbandoned();
+    EXPECT_FALSE(stands(sets[1]));
+    EXPECT_EQ(semctl(sets[2], 0, IPC_RMID), 0);
+}
+
 TEST(WriterReader, IsUnusableWithoutASize)
 {
     WriterReader board(0);
