@@ -82,7 +82,6 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
     environmentEntry_.Append(logDirectory_);
     putenv(const_cast<char*>(environmentEntry_.ConvertToChar()));
     WriterReader::RemoveAbandoned();
-    WriterReader::RemoveAbandoned();
     return OpenWithRetries(port, retryNumber, retryTime) != 0 || ProbeDataPort() != 0;
 }
 
