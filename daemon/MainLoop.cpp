@@ -1,5 +1,7 @@
 #include "daemon/MainLoop.h"
 
+#include <new>
+
 #include "daemon/RuvelServer.h"
 #include "support/BaseString.h"
 
@@ -68,9 +70,7 @@ int SettleLogDirectory(const Arguments& arguments, QORUnicodeString& directory)
     return IsUsableLogDirectory(directory) ? 0 : 1;
 }
 
-} // namespace
-
-int MainLoop(int argc, char** argv)
+int Run(int argc, char** argv)
 {
     Arguments arguments;
     for (int i = 1; i < argc; ++i)
@@ -101,4 +101,16 @@ int MainLoop(int argc, char** argv)
         retryTime = NumberOf(arguments, "-retrytime", DefaultRetryTime);
     }
     return server.MainDaemonLoop(port, logDirectory, retryNumber, retryTime);
+}
+
+} // namespace
+
+int MainLoop(int argc, char** argv)
+{
+    try {
+        return Run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        BaseString::PutTrace("Error out of memory", 1);
+        return 1;
+    }
 }

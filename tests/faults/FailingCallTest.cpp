@@ -9,6 +9,7 @@
 #include "tests/faults/FaultyDaemon.h"
 #include "tests/faults/Scenario.h"
 #include "tests/system/SystemFacts.h"
+#include "tests/system/TestAccount.h"
 
 using faults::Kinds;
 using faults::Place;
@@ -17,12 +18,6 @@ namespace
 {
 constexpr size_t Size = 40000; // of a log or a file: some blocks
 constexpr Place Places[] = {Place::Daemon, Place::Child};
-
-/** Every call that a scenario makes is to fail, with every error. */
-bool IsLongForm()
-{
-    return getenv("RUVEL_TORTURE") != nullptr;
-}
 
 /** The long form can be had of one kind alone. */
 bool IsWanted(const faults::Kind& kind)
@@ -102,18 +97,29 @@ private:
     long counts_[faults::PlaceCount][faults::KindCount] = {};
 };
 
-/** Which of so many calls fail: all in the long form, else the first, the middle and any one. */
-std::set<long> Choose(long calls, std::mt19937& random)
+/** Which of so many calls fail: all in the long form, else any one, and besides the first and the middle. */
+std::set<long> Choose(long calls, std::mt19937& random, bool justOne = false)
 {
     std::set<long> chosen;
     for (long number = 1; number <= calls && IsLongForm(); ++number)
         chosen.insert(number);
     if (calls > 0 && chosen.empty())
-        chosen = {1, calls / 2 + 1, std::uniform_int_distribution<long>(1, calls)(random)};
+        chosen.insert(std::uniform_int_distribution<long>(1, calls)(random));
+    if (calls > 0 && !justOne)
+        chosen.insert({1, calls / 2 + 1});
     return chosen;
 }
 
-void LetEachCallFail(const DaemonOptions& options, const Asker& asker)
+const std::vector<std::string> Complaints = {"Error in _InitThreadOrProcess()"};
+
+/** What only a daemon that serves several users does, or does otherwise. */
+const std::set<std::string_view> IdentityKinds = {
+    "fchown",       "fork",      "getgroups", "getpwnam_r", "pam_acct_mgmt", "pam_authenticate",
+    "pam_set_item", "pam_start", "setgroups", "setresgid",  "setresuid",     "syscall"};
+
+/** In the short form, of these kinds only, if there are any, and of each only one call. */
+void LetEachCallFail(const DaemonOptions& options, const Asker& asker,
+                     const std::set<std::string_view>& kinds = {})
 {
     const unsigned seed = std::random_device{}();
     std::mt19937 random(seed);
@@ -121,11 +127,12 @@ void LetEachCallFail(const DaemonOptions& options, const Asker& asker)
     Bench bench(options, asker);
     bench.CountCalls();
     for (size_t kind = 0; kind < faults::KindCount; ++kind) {
-        if (!IsWanted(Kinds[kind]))
+        const bool isChosen = IsLongForm() || kinds.empty() || kinds.contains(Kinds[kind].name);
+        if (!isChosen || !IsWanted(Kinds[kind]))
             continue;
         const size_t errors = IsLongForm() ? Kinds[kind].errors.size() : 1;
         for (const Place place : Places)
-            for (const long number : Choose(bench.CountOf(place, kind), random))
+            for (const long number : Choose(bench.CountOf(place, kind), random, !kinds.empty()))
                 for (size_t i = 0; i < errors; ++i)
                     bench.LetFail(place, kind, number, Kinds[kind].errors[i]);
     }
@@ -134,5 +141,12 @@ void LetEachCallFail(const DaemonOptions& options, const Asker& asker)
 
 TEST(FailingCall, OnlyItsClientNotices)
 {
-    LetEachCallFail({.shortLadders = true, .toleratedErrors = {"Error in _InitThreadOrProcess()"}}, {});
+    LetEachCallFail({.shortLadders = true, .toleratedErrors = Complaints}, {});
+}
+
+TEST(FailingCallAsRoot, OnlyItsClientNoticesOfManyUsers)
+{
+    const TestAccount account;
+    LetEachCallFail({.mode = {}, .shortLadders = true, .toleratedErrors = Complaints},
+                    {account.Name(), account.Password()}, IdentityKinds);
 }

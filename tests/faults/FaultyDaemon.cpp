@@ -11,6 +11,11 @@
 
 using faults::Plan;
 
+bool IsLongForm()
+{
+    return getenv("RUVEL_TORTURE") != nullptr;
+}
+
 Preloading::Preloading(const std::string& planFile)
 {
     const auto library = std::filesystem::read_symlink("/proc/self/exe").parent_path() / RUVEL_FAULT_LIBRARY;

@@ -5,6 +5,9 @@
 #include "tests/faults/FaultPlan.h"
 #include "tests/system/DaemonUnderTest.h"
 
+/** Whether this run may take hours and is to leave nothing out. */
+bool IsLongForm();
+
 /** The plan of the daemons that are started under it. It fails nothing until it is armed. */
 class FaultInjection
 {

@@ -221,8 +221,11 @@ std::string Scenario::KillTree()
     std::string told = AskFor(request);
     if (told.find("tree force killed") == std::string::npos)
         told += "\n" + AskFor(request);
+    const std::string rest = victim.ReadUntilOrEnd();
+    if (rest.empty()) // closed
+        return begin;
     static const std::regex numbers("N\\([0-9]+\\)");
-    return std::regex_replace(begin + victim.ReadUntilOrEnd() + told, numbers, "N(#)");
+    return std::regex_replace(begin + rest + told, numbers, "N(#)");
 }
 
 TransferOrder Scenario::Order(const std::string& keyword) const

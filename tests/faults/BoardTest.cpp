@@ -1,0 +1,56 @@
+#include <csignal>
+#include <fstream>
+#include <set>
+
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include "tests/system/SystemFacts.h"
+#include "tests/system/TransferClient.h"
+
+namespace
+{
+/** The semaphores that one of these processes was the last to use. */
+std::vector<int> FindSemaphoresOf(const std::set<pid_t>& users)
+{
+    std::vector<int> found;
+    std::ifstream semaphores("/proc/sysvipc/sem");
+    std::string line;
+    std::getline(semaphores, line);
+    for (long key, id; semaphores >> key >> id; std::getline(semaphores, line))
+        if (users.contains(semctl(static_cast<int>(id), 0, GETPID)))
+            found.push_back(static_cast<int>(id));
+    return found;
+}
+} // namespace
+
+/** Any local user may take the semaphore of a transfer's board, and keep it; a worker may stop while it holds
+ * it. Neither holds up the daemon, and the one whose semaphore it is goes on as well. */
+TEST(Board, WhoeverHoldsItHoldsUpNobody)
+{
+    const TestDirectory directory;
+    const std::string file = directory.Path() + "/file", content = MakeContent(20'000'000);
+    std::ofstream(file, std::ios::binary) << content;
+    DaemonUnderTest daemon;
+    TransferClient get(daemon, {.keyword = "TRANSFERGET", .file = file});
+    Client data = get.OpenData("WRITE");
+    std::string bytes = data.ReadExactly(1'000'000);
+    const std::vector<pid_t> workers = daemon.Descendants();
+    ASSERT_EQ(workers.size(), 1u);
+
+    const std::vector<int> semaphores = FindSemaphoresOf({daemon.Process().Id(), workers[0]});
+    ASSERT_EQ(semaphores.size(), 1u);
+    sembuf take{0, -1, 0};
+    ASSERT_EQ(semop(semaphores[0], &take, 1), 0);
+    kill(workers[0], SIGSTOP);
+    const std::string listing = Ask(daemon, Keyword("INFO"));
+    EXPECT_NE(listing.find("CMD(TRANSFER GET)"), std::string::npos) << listing;
+    EXPECT_EQ(listing.find("STATUS("), std::string::npos) << listing;
+    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "echo on; exit 3")), Finished("on\n", 3));
+
+    kill(workers[0], SIGCONT);
+    bytes += data.ReadToEnd();
+    EXPECT_TRUE(bytes == content) << bytes.size() << " bytes came";
+    EXPECT_EQ(get.Finish(), Transferred(0));
+}

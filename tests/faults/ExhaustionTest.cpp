@@ -1,0 +1,156 @@
+#include <algorithm>
+#include <fstream>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/system/SystemFacts.h"
+#include "tests/system/TestAccount.h"
+#include "tests/system/TransferClient.h"
+
+using testing::HasSubstr;
+
+namespace
+{
+/** A daemon's limit, lowered for as long as the object stands; then it is as high as it may be. */
+class Scarcity
+{
+public:
+    /** `account`: whose daemon it is, if it is not of the tests' own user. */
+    Scarcity(pid_t daemon, __rlimit_resource resource, rlim_t limit, const TestAccount* account = nullptr)
+        : daemon_(daemon), resource_(resource), account_(account)
+    {
+        SetSoftLimit(limit);
+    }
+    Scarcity(const Scarcity&) = delete;
+    Scarcity& operator=(const Scarcity&) = delete;
+    ~Scarcity() { SetSoftLimit(RLIM_INFINITY); }
+
+private:
+    /** In a process that may have the daemon's user. */
+    void SetSoftLimit(rlim_t limit) const
+    {
+        const pid_t setter = fork();
+        if (setter == 0) {
+            if (account_ != nullptr && (setgid(account_->GroupId()) != 0 || setuid(account_->UserId()) != 0))
+                _exit(1);
+            rlimit limits{};
+            if (prlimit(daemon_, resource_, nullptr, &limits) != 0)
+                _exit(2);
+            limits.rlim_cur = std::min(limit, limits.rlim_max);
+            _exit(prlimit(daemon_, resource_, &limits, nullptr) == 0 ? 0 : 3);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(setter, &status, 0), setter);
+        EXPECT_EQ(status, 0);
+    }
+
+    pid_t daemon_;
+    __rlimit_resource resource_;
+    const TestAccount* account_;
+};
+
+/** Its own System V objects and their limits, for this test and the daemons that it starts. */
+class PrivateObjects
+{
+public:
+    PrivateObjects() : outside_(open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC))
+    {
+        if (outside_ < 0 || unshare(CLONE_NEWIPC) != 0)
+            throw std::runtime_error("unshare");
+    }
+    PrivateObjects(const PrivateObjects&) = delete;
+    PrivateObjects& operator=(const PrivateObjects&) = delete;
+    ~PrivateObjects()
+    {
+        EXPECT_EQ(setns(outside_, CLONE_NEWIPC), 0);
+        close(outside_);
+    }
+    static void SetLimit(const char* name, const char* value)
+    {
+        std::ofstream limit(std::string("/proc/sys/kernel/") + name);
+        EXPECT_TRUE(limit << value << std::flush) << name;
+    }
+
+private:
+    int outside_;
+};
+
+void ExpectService(DaemonUnderTest& daemon)
+{
+    EXPECT_EQ(Ask(daemon, Launch("SOCKET", "echo on; exit 3")), Finished("on\n", 3));
+    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "echo on; exit 4")), Finished("on\n", 4));
+}
+} // namespace
+
+// The sanitizers' own checks need descriptors.
+#ifndef __SANITIZE_ADDRESS__
+TEST(Exhaustion, DescriptorsTakenBySilentClients)
+{
+    DaemonUnderTest daemon;
+    const pid_t id = daemon.Process().Id();
+    const size_t before = CountDescriptorsOf(id);
+    {
+        const Scarcity scarcity(id, RLIMIT_NOFILE, before + 20);
+        std::vector<Client> silent;
+        for (int i = 0; i < 60; ++i)
+            silent.push_back(daemon.Connect());
+        // Whoever asks is heard, though there is hardly anything left to serve with.
+        for (int i = 0; i < 5; ++i)
+            EXPECT_THAT(Ask(daemon, Keyword("INFO")), HasSubstr("->Found 0 active command(s)\n"));
+        EXPECT_TRUE(daemon.Process().WaitForTrace("Error in accept() : Too many open files\n"));
+    }
+    ExpectService(daemon);
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(id) == before; }));
+}
+
+#endif
+
+TEST(ExhaustionAsRoot, Processes)
+{
+    const TestAccount account;
+    DaemonUnderTest daemon({.user = account.Name(), .toleratedErrors = {"Error in _InitThreadOrProcess()"}});
+    const auto launch = [&](const char* mode) {
+        return Ask(daemon, Join({Newest, account.Name(), "", "echo on; exit 3", mode, "NOWINDOW", "0"}));
+    };
+    {
+        const Scarcity scarcity(daemon.Process().Id(), RLIMIT_NPROC, 1, &account);
+        for (const char* mode : {"SOCKET", "NOSOCKET"})
+            EXPECT_EQ(launch(mode), BannerLine + std::string("->Error unable to start command : Resource "
+                                                             "temporarily unavailable\n"
+                                                             "->ProcessReturnCode = NoThing\n"));
+        TransferClient put(daemon, {.keyword = "TRANSFERPUT", .file = "/tmp/none", .user = account.Name()});
+        EXPECT_EQ(put.Finish(),
+                  "ERROR|" + std::string(BannerLine) + "->Error unable to start file transfer\n");
+    }
+    EXPECT_EQ(launch("SOCKET"), Finished("on\n", 3));
+    EXPECT_EQ(launch("NOSOCKET"), Finished("on\n", 3));
+}
+
+/** Boards only show how far a worker has come: without them everything else is as ever. */
+TEST(ExhaustionAsRoot, SegmentsAndSemaphores)
+{
+    const TestDirectory directory;
+    const PrivateObjects objects;
+    DaemonUnderTest daemon;
+    const std::string file = directory.Path() + "/file", content = MakeContent(1'000'000);
+    for (const char* limits : {"32000 1024000000 500 0", "32000 1024000000 500 32000"}) {
+        PrivateObjects::SetLimit("sem", limits);
+        PrivateObjects::SetLimit("shmmni", "0");
+        ExpectService(daemon);
+        TransferClient put(daemon, {.keyword = "TRANSFERPUT", .file = file});
+        EXPECT_EQ(put.Put(content), Transferred(0));
+        EXPECT_TRUE(ReadFile(file) == content);
+    }
+    PrivateObjects::SetLimit("shmmni", "4096");
+    TransferClient get(daemon, {.keyword = "TRANSFERGET", .file = file});
+    std::string bytes;
+    EXPECT_EQ(get.Get(bytes), Transferred(0));
+    EXPECT_TRUE(bytes == content);
+}

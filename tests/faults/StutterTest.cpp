@@ -1,0 +1,22 @@
+#include <gtest/gtest.h>
+
+#include "tests/faults/FaultyDaemon.h"
+#include "tests/faults/Scenario.h"
+#include "tests/system/SystemFacts.h"
+
+/** Every read and write of the daemon and its workers takes a part of what it could, and each call that can
+ * be interrupted is so now and then: nobody notices. */
+TEST(Stutter, ShortAndInterruptedCallsChangeNothing)
+{
+    FaultInjection injection;
+    const auto daemon = injection.StartDaemon();
+    const size_t descriptors = CountDescriptorsOf(daemon->Process().Id());
+    injection.Count();
+    injection->isStuttering = true;
+    Scenario scenario(*daemon, {}, IsLongForm() ? 100'000'000 : 4'000'000);
+    scenario.Run();
+    EXPECT_EQ(scenario.Worst(), Outcome::Unnoticed) << scenario.ToldIn() << ": " << scenario.Told();
+    injection.Disarm();
+    EXPECT_GT(injection.CountOf(faults::Place::Child, faults::IndexOf("send")), 500);
+    ExpectRest(*daemon, {}, descriptors);
+}
