@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -236,6 +237,19 @@ void MeasureTurns(const BenchDaemon& daemon)
            Percentile(turns, 0.5), Percentile(turns, 0.99), Percentile(turns, 0.999), Percentile(turns, 1));
 }
 
+/** What would outlive the daemon: commands that ignore their end, and workers whose client never comes. */
+void EndChildrenOf(pid_t daemon)
+{
+    const std::string id = std::to_string(daemon);
+    const double end = NowInMicroseconds() + 5e6;
+    for (bool any = true; any && NowInMicroseconds() < end; usleep(20'000)) {
+        any = false;
+        std::ifstream children("/proc/" + id + "/task/" + id + "/children");
+        for (pid_t child = 0; children >> child; any = true)
+            kill(child, SIGKILL);
+    }
+}
+
 void RaiseDescriptorLimit()
 {
     rlimit limit{};
@@ -263,6 +277,7 @@ int main(int argc, char** argv)
             "a processor\n",
             beside.launch99 - alone.launch99, beside.info99 - alone.info99, 100 * used / milliseconds);
         MeasureTurns(daemon);
+        EndChildrenOf(daemon.Id());
     } catch (const std::exception& failure) {
         fprintf(stderr, "BadClients: %s\n", failure.what());
         return 1;
