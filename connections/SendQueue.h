@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <string>
 #include <string_view>
 
@@ -33,7 +33,7 @@ public:
     std::size_t GetPendingBytes() const { return pendingBytes_; }
 
 private:
-    std::deque<std::string> pieces_;
+    std::list<std::string> pieces_; // no memory while empty, so that moving needs none either
     std::size_t sentOfFirst_ = 0;
     std::size_t pendingBytes_ = 0;
 };

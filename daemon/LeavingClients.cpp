@@ -11,14 +11,15 @@ void LeavingClients::Take(Connection& connection)
     BaseSocket& socket = connection.GetSocket();
     if (!socket.GetBaseSocketStatus())
         return;
-    auto client = std::make_unique<Client>();
-    client->socket = socket;
+    // The place first: without memory for it the connection keeps its socket.
+    clients_.push_back(std::make_unique<Client>());
+    Client& client = *clients_.back();
+    client.socket = socket;
     socket.Reset();
-    client->queue = std::move(connection.GetSendQueue());
-    client->deadline = Clock::SteadyMilliseconds() + 1000LL * stallLimit_;
-    if (client->queue.IsEmpty())
-        StartDraining(*client);
-    clients_.push_back(std::move(client));
+    client.queue = std::move(connection.GetSendQueue());
+    client.deadline = Clock::SteadyMilliseconds() + 1000LL * stallLimit_;
+    if (client.queue.IsEmpty())
+        StartDraining(client);
 }
 
 void LeavingClients::AddTo(Poller& poller)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
 #include <csignal>
 #include <iterator>
 
@@ -20,9 +21,9 @@ namespace
 /** A descriptor of this number tells that so many are open: copying that table costs more than a helper. */
 constexpr int HelperPays = 512;
 constexpr int CannotStart = 126; // exit code of a child that has nowhere to say more
-/** Stack of a child that begins in borrowed memory, of which it touches what it needs. A part of the parent's
- * own, so that it lies where tools expect a stack. */
-constexpr std::size_t StackSize = 512 * 1024;
+/** Stack of a child while its memory is borrowed, a part of the parent's own: there tools expect one, and
+ * from there the way back into the parent's frames is an ordinary return. */
+constexpr std::size_t StackSize = 128 * 1024;
 
 int reserved[] = {-1, -1}; // the low numbers, in ascending order
 int placeholder = -1;      // what is open at them meanwhile
@@ -35,6 +36,8 @@ struct Order {
     /** The helper's answer: the child's id, or -1 with the error. */
     pid_t processId;
     int error;
+    /** Where the helper's child goes on, in its copy of the frames of the helper's parent. */
+    jmp_buf start = {};
 };
 
 /** Gives up the parent's table for a copy of as little as can be. */
@@ -60,12 +63,18 @@ int RunHelper(void* pointer)
     Order& order = *static_cast<Order*>(pointer);
     TakeOwnTable();
     order.processId = static_cast<pid_t>(syscall(SYS_clone, CLONE_PARENT | SIGCHLD, 0, 0, 0, 0));
-    if (order.processId == 0) {
-        order.run(order.argument);
-        _exit(CannotStart);
-    }
+    if (order.processId == 0)
+        longjmp(order.start, 1); // it may run for long, and needs more than the helper's stack
     order.error = errno;
     _exit(0);
+}
+
+/** Lets the stack grow now by what Clone() takes: where memory is short it could not any more, and a stack
+ * that cannot grow is a crash. Only its far end is touched. */
+[[gnu::noinline]] void ReserveStack()
+{
+    char room[StackSize + 64 * 1024];
+    *const_cast<volatile char*>(room) = 0;
 }
 
 /** Runs `entry` in a child that shares memory and table; it has executed a program or ended afterwards. */
@@ -78,6 +87,10 @@ pid_t Clone(int (*entry)(void*), Order& order)
 
 pid_t StartWithHelper(Order& order)
 {
+    if (setjmp(order.start) != 0) {
+        order.run(order.argument);
+        _exit(CannotStart);
+    }
     const pid_t helper = Clone(RunHelper, order);
     if (helper < 0)
         return -1;
@@ -90,8 +103,9 @@ pid_t StartWithHelper(Order& order)
 
 namespace ChildStart
 {
-void ReserveDescriptors()
+void Prepare()
 {
+    ReserveStack();
     int numbers[3];
     for (int& number : numbers)
         if ((number = open("/dev/null", O_RDWR | O_CLOEXEC)) < 0)

@@ -10,8 +10,9 @@
  */
 namespace ChildStart
 {
-/** Keeps the two numbers. Called once, before much is open; without it children copy the whole table. */
-void ReserveDescriptors();
+/** Keeps the two numbers, and the stack that a child needs. Called once, before much is open or memory is
+ * short; without it children copy the whole table. */
+void Prepare();
 
 /** Borrowed: the child uses the parent's, which sleeps until the child executes a program or ends. */
 enum class Memory { Borrowed, Copied };

@@ -1,6 +1,7 @@
 #include "support/ProcessFiles.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -25,12 +26,13 @@ std::string ReadAll(const FileDescriptor& file, std::size_t limit)
 {
     std::string content;
     std::size_t length = 0;
-    ssize_t count = 0;
-    do {
-        length += static_cast<std::size_t>(count);
+    for (;;) {
         content.resize(std::min(limit, std::max(FirstBlock, length * 2)));
-        count = read(file.Number(), content.data() + length, content.size() - length);
-    } while (count > 0);
+        const ssize_t count = read(file.Number(), content.data() + length, content.size() - length);
+        if (count == 0 || (count < 0 && errno != EINTR))
+            break;
+        length += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
     content.resize(length);
     return content;
 }
@@ -85,13 +87,19 @@ std::vector<pid_t> ListThreads(pid_t processId)
     return ListIds(folder);
 }
 
-/** One read gets all of it. */
+/** One read usually gets all of it. Empty when it is not to be had as a whole. */
 std::string ReadStatusLine(const std::string& folder)
 {
     const FileDescriptor file = OpenFile(folder + "/stat");
     char line[LongestStatus];
-    const ssize_t count = file.IsOpen() ? read(file.Number(), line, sizeof line) : -1;
-    return count > 0 ? std::string(line, static_cast<std::size_t>(count)) : std::string();
+    std::size_t length = 0;
+    while (file.IsOpen() && (length == 0 || line[length - 1] != '\n')) {
+        const ssize_t count = read(file.Number(), line + length, sizeof line - length);
+        if (count == 0 || (count < 0 && errno != EINTR))
+            return {};
+        length += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    return {line, length};
 }
 
 bool ParseStatus(const std::string& line, ProcessStatus& status)

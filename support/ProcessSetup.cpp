@@ -85,7 +85,7 @@ int BecomeSupervisor()
 {
     if (OpenStandardDescriptors() != 0 || prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0)
         return -1;
-    ChildStart::ReserveDescriptors();
+    ChildStart::Prepare();
     const bool hangUpIgnored = IsIgnored(SIGHUP);
     for (int signal = 1; signal < NSIG; ++signal)
         if (signal != SIGHUP)

@@ -156,7 +156,7 @@ pid_t StartHarmlessChild()
 } // namespace
 
 // The daemon's own way to start its children. The linker takes this one and not the library's.
-void ChildStart::ReserveDescriptors() {}
+void ChildStart::Prepare() {}
 
 ChildStart::Handover::Handover(Memory memory, int first, int second)
     : memory_(memory), first_(first), second_(second)

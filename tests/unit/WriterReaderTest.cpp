@@ -5,6 +5,7 @@
 #include "support/Clock.h"
 
 #include <gtest/gtest.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
