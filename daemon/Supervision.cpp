@@ -25,8 +25,6 @@ void RuvelServer::CheckForLaunchedCommand()
     if (ChildTable::CountOfUnaskedEnds() == 0 && !isUnfinished_)
         return;
     isUnfinished_ = true; // should a report break off, the next turn goes on with it
-    logs_.RemoveNulls();
-    transfers_.RemoveNulls();
     CheckLogs();
     CheckTransfers();
     CheckCommands();
@@ -35,32 +33,32 @@ void RuvelServer::CheckForLaunchedCommand()
     isUnfinished_ = false;
 }
 
+/** What has ended leaves its list before anything else: should memory run out on the way, its client finds
+ * the connection closed. */
 void RuvelServer::CheckLogs()
 {
-    for (int i = 1, size = logs_.Size(); i <= size; ++i) {
+    for (int i = logs_.Size(); i >= 1; --i) {
         int status = 0;
         if (IsBeingEnded(*logs_[i]) || !logs_[i]->CheckThreadOrProcess(status))
             continue;
-        logs_[i]->DeleteOutputFile(DeletionLimit);
-        Dismiss(*logs_[i]);
-        delete logs_[i];
-        logs_[i] = nullptr;
+        const std::unique_ptr<LogConnection> log(logs_[i]);
+        logs_.RemoveAt(i);
+        log->DeleteOutputFile(DeletionLimit);
+        Dismiss(*log);
     }
-    logs_.RemoveNulls();
 }
 
 void RuvelServer::CheckTransfers()
 {
-    for (int i = 1, size = transfers_.Size(); i <= size; ++i) {
+    for (int i = transfers_.Size(); i >= 1; --i) {
         int status = 0;
         if (IsBeingEnded(*transfers_[i]) || !transfers_[i]->CheckThreadOrProcess(status))
             continue;
-        WriteToBaseConnectionSocket(transfers_[i], QORUnicodeString(protocol::ReturnCodeLine(status)), 0);
-        Dismiss(*transfers_[i]);
-        delete transfers_[i];
-        transfers_[i] = nullptr;
+        const std::unique_ptr<TransferConnection> transfer(transfers_[i]);
+        transfers_.RemoveAt(i);
+        WriteToBaseConnectionSocket(transfer.get(), QORUnicodeString(protocol::ReturnCodeLine(status)), 0);
+        Dismiss(*transfer);
     }
-    transfers_.RemoveNulls();
 }
 
 void RuvelServer::CheckCommands()

@@ -1,7 +1,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <random>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -97,18 +96,22 @@ private:
     long counts_[faults::PlaceCount][faults::KindCount] = {};
 };
 
-/** Which of so many calls fail: all in the long form, else any one, and besides the first and the middle. */
-std::set<long> Choose(long calls, std::mt19937& random, bool justOne = false)
+/** Which of so many calls fail: all in the long form, else the first, the middle and the last. */
+std::set<long> Choose(long calls, bool justOne = false)
 {
     std::set<long> chosen;
     for (long number = 1; number <= calls && IsLongForm(); ++number)
         chosen.insert(number);
-    if (calls > 0 && chosen.empty())
-        chosen.insert(std::uniform_int_distribution<long>(1, calls)(random));
-    if (calls > 0 && !justOne)
-        chosen.insert({1, calls / 2 + 1});
+    if (calls > 0 && justOne)
+        chosen.insert(calls / 2 + 1);
+    else if (calls > 0)
+        chosen.insert({1, calls / 2 + 1, calls});
     return chosen;
 }
+
+/** Which of these calls fails first differs from run to run, and with it what a client may see of it: they
+ * are for the long form. */
+const std::set<std::string_view> MemoryKinds = {"mmap64", "operator new"};
 
 const std::vector<std::string> Complaints = {"Error in _InitThreadOrProcess()"};
 
@@ -121,18 +124,16 @@ const std::set<std::string_view> IdentityKinds = {
 void LetEachCallFail(const DaemonOptions& options, const Asker& asker,
                      const std::set<std::string_view>& kinds = {})
 {
-    const unsigned seed = std::random_device{}();
-    std::mt19937 random(seed);
-    SCOPED_TRACE("seed " + std::to_string(seed));
     Bench bench(options, asker);
     bench.CountCalls();
     for (size_t kind = 0; kind < faults::KindCount; ++kind) {
-        const bool isChosen = IsLongForm() || kinds.empty() || kinds.contains(Kinds[kind].name);
+        const bool isChosen = IsLongForm() || (kinds.empty() ? !MemoryKinds.contains(Kinds[kind].name)
+                                                             : kinds.contains(Kinds[kind].name));
         if (!isChosen || !IsWanted(Kinds[kind]))
             continue;
         const size_t errors = IsLongForm() ? Kinds[kind].errors.size() : 1;
         for (const Place place : Places)
-            for (const long number : Choose(bench.CountOf(place, kind), random, !kinds.empty()))
+            for (const long number : Choose(bench.CountOf(place, kind), !kinds.empty()))
                 for (size_t i = 0; i < errors; ++i)
                     bench.LetFail(place, kind, number, Kinds[kind].errors[i]);
     }
