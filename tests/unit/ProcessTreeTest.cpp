@@ -202,8 +202,12 @@ TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
         }));
         rlimit before{};
         getrlimit(RLIMIT_NOFILE, &before);
-        const FileDescriptor next(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        const rlimit few{static_cast<rlim_t>(next.Number() + 1 + left), before.rlim_max};
+        // The lowest numbers need not be free in a row: whoever started the test may have left some open.
+        std::vector<FileDescriptor> free;
+        for (int i = 0; i <= left; ++i)
+            free.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const rlimit few{static_cast<rlim_t>(free.back().Number() + 1), before.rlim_max};
+        free.erase(free.begin() + 1, free.end());
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
         // A look is limited in time, and on a busy machine one may not be enough.
         for (int look = 0; look < (left == 0 ? 1 : 10); ++look)
