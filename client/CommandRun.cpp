@@ -80,7 +80,7 @@ Failure CommandRun::StartErrorReader()
     if (errors_->end.kind == StreamEnd::Refused)
         return ExplainRefusal(request_.server, errors_->end.words);
     if (errors_->end.kind == StreamEnd::NoServer)
-        return NoServer(request_.server);
+        return NoServerThere(request_.server);
     return {"standard error cannot be kept apart at " + request_.server.Name() + ": use --merge (" +
             FirstLine(errors_->stream.WordsBeforeReady()) + ")"};
 }

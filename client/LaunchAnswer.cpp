@@ -30,7 +30,7 @@ int ConcludeLaunch(const StreamEnd& end, const Server& server)
     case StreamEnd::Refused:
         return Report(ExplainRefusal(server, end.words));
     case StreamEnd::NoServer:
-        return Report(NoServer(server));
+        return Report(NoServerThere(server));
     case StreamEnd::Cut:
         break;
     }

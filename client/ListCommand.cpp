@@ -38,7 +38,7 @@ Failure Fetch(const Server& server, bool isAll, Listing& listing)
         if (Failure failure = TakeBanner(server, rest))
             return failure;
     if (!rest.starts_with("->"))
-        return NoServer(server);
+        return NoServerThere(server);
     return ExplainRefusal(server, rest.substr(0, rest.find('\n')));
 }
 

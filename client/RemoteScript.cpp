@@ -35,7 +35,7 @@ Failure RunRemoteScript(const Server& server, std::string_view script,
     case StreamEnd::Refused:
         return ExplainRefusal(server, end.words);
     case StreamEnd::NoServer:
-        return NoServer(server);
+        return NoServerThere(server);
     case StreamEnd::NoCode:
     case StreamEnd::Cut:
         return {"the connection to " + server.Name() + " was cut before the answer was complete; try again"};

@@ -108,7 +108,7 @@ Failure ExplainRefusal(const Server& server, std::string_view line)
     return {server.Name() + " does not do it, for a reason of its own", std::string(words)};
 }
 
-Failure NoServer(const Server& server)
+Failure NoServerThere(const Server& server)
 {
     return {"what answers at " + server.Name() + " is no RuvelServer: check host and port (-H HOST:PORT)"};
 }

@@ -12,7 +12,7 @@
 Failure ExplainRefusal(const Server& server, std::string_view line);
 
 /** What answers there speaks another protocol. */
-Failure NoServer(const Server& server);
+Failure NoServerThere(const Server& server);
 
 /** True when the answer's line refuses the user or the password. */
 bool IsUserRefusal(std::string_view line);

@@ -80,7 +80,7 @@ Failure TakeBanner(const Server& server, std::string_view& answer)
 {
     const std::size_t lineEnd = answer.find('\n');
     if (!answer.starts_with(BannerLead) || lineEnd == std::string_view::npos)
-        return NoServer(server);
+        return NoServerThere(server);
     answer.remove_prefix(lineEnd + 1);
     return {};
 }

@@ -232,7 +232,7 @@ Failure TransferExchange::ReadRefusal()
         return {
             "the connection to " + server_.Name() +
             " was closed without an answer; the server may be ending, or something else may listen there"};
-    return NoServer(server_);
+    return NoServerThere(server_);
 }
 
 /** The server said something instead of connecting. */

@@ -97,7 +97,8 @@ TEST(Control, AShellTakesLinesAndGivesItsCode)
         Control(daemon.Port(), {"shell"}, {.input = "read line\nfirst\necho \"<$line>\"\nexit 9\n"});
     EXPECT_EQ(result.output, "<first>\n");
     EXPECT_EQ(result.code, 9);
-    ControlProcess interrupted(daemon.Port(), {"shell"}, {.input = "(/bin/sleep 600; :) & echo up; sleep 600\n"});
+    ControlProcess interrupted(daemon.Port(), {"shell"},
+                               {.input = "(/bin/sleep 600; :) & echo up; sleep 600\n"});
     ASSERT_TRUE(interrupted.WaitForOutput("up\n"));
     interrupted.Signal(SIGINT);
     EXPECT_EQ(interrupted.WaitForEnd(), -SIGINT);
