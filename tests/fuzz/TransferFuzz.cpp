@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "client/ServerConnection.h"
 #include "client/TransferExchange.h"
 #include "connections/TransferConnection.h"
 #include "support/CheckSum.h"
@@ -97,7 +98,7 @@ void TalkToClient(unsigned choice, std::string_view words)
     if (!failure && answer.kind == TransferAnswer::Offer)
         failure = choice % 8 < 4 ? exchange.Reply(true, answer) : exchange.Decline();
     if (!failure)
-        failure = exchange.Conclude();
+        failure = exchange.Conclude(ServerConnection());
     Require(failure.sentence.find('\n') == std::string::npos, "a failure is told in one line");
 }
 
