@@ -26,6 +26,8 @@ namespace
 constexpr int ManyChildren = 256;
 constexpr int ShortestReapPause = 5;
 constexpr int ChildrenPerMillisecond = 500;
+/** Milliseconds until work that found no memory is gone on with. */
+constexpr long long MemoryPause = 10;
 
 } // namespace
 
@@ -139,6 +141,8 @@ long long RuvelServer::NextDeadline() const
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
     next = Deadline::Earlier(next, checks_.NextDeadline());
     next = Deadline::Earlier(next, startFarewellsAt_);
+    if (isUnfinished_)
+        next = Deadline::Earlier(next, Clock::SteadyMilliseconds() + MemoryPause);
     next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));
     for (const auto& [connection, ending] : endings_)
         next = Deadline::Earlier(next, ending->NextDeadline());
