@@ -14,9 +14,6 @@
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Fast = {"check-sum", "check sum of blocks in the cache", "GB/s", {Sense::AtLeast, Of::Value, 9}};
 const Row Portable = {"check-sum-portable",
                       "the same where the processor has no instructions for it",

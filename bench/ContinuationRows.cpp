@@ -13,9 +13,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Get = {
     "continue-get", "continue a get of 2 GiB at 90 %, verified", "s", {Sense::AtMost, Of::Value, 0.7}};
 const Row Put = {

@@ -13,9 +13,6 @@
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 constexpr const char* Multiplexed = "OpenSSH, multiplexed";
 constexpr const char* Merged = "RuvelControl, --merge";
 

@@ -19,9 +19,6 @@
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Launch = {
     "launch", "`true` in SOCKET mode, one at a time, median", "ms", {Sense::AtMost, Of::Ratio, 1.2}};
 const Row LaunchTail = {

@@ -17,9 +17,6 @@
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Launch = {
     "live-launch", "`true` in SOCKET mode while 10,000 commands live", "ms", {Sense::AtMost, Of::Ratio, 1.3}};
 const Row Nosocket = {"live-nosocket",

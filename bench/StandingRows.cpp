@@ -10,9 +10,6 @@
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Idle = {"idle", "idle: context switches per second", "1/s", {Sense::AtMost, Of::Value, 0}};
 const Row Listening = {
     "listening", "memory of a server that only listens, PSS", "KiB", {Sense::AtMost, Of::Value, 1700}};

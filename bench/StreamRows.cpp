@@ -16,9 +16,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Output = {
     "output", "a command's output on its client's socket", "MB/s", {Sense::AtLeast, Of::Ratio, 0.95}};
 const Row Log = {"log", "delivery of a log", "MB/s", {Sense::AtLeast, Of::Ratio, 0.95}};

@@ -5,6 +5,9 @@
 
 #include "bench/Results.h"
 
+using Sense = Target::Sense;
+using Of = Target::Of;
+
 /** How much is measured, and what. */
 struct Extent {
     bool isQuick = false;

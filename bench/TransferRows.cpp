@@ -16,9 +16,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using Sense = Target::Sense;
-using Of = Target::Of;
-
 const Row Get = {"get", "get of a file", "MB/s", {Sense::AtLeast, Of::Ratio, 0.95}};
 const Row Put = {"put", "put of a file", "MB/s", {Sense::AtLeast, Of::Ratio, 0.95}};
 const Row GetCpu = {

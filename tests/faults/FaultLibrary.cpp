@@ -125,24 +125,23 @@ __attribute__((constructor)) void MapPlan()
             return Refuse();                                                                                 \
         RUVEL_PASS_ON(NAME);                                                                                 \
     }
+#define RUVEL_FAIL_OR_INTERRUPT(NAME)                                                                        \
+    if (Fails(IndexOf(#NAME)))                                                                               \
+        return Refuse();                                                                                     \
+    if (IsInterrupted())                                                                                     \
+    return -1
 /** The same, which can be interrupted. */
 #define RUVEL_SLOW_CALL(NAME)                                                                                \
     RUVEL_DEFINE(NAME)                                                                                       \
     {                                                                                                        \
-        if (Fails(IndexOf(#NAME)))                                                                           \
-            return Refuse();                                                                                 \
-        if (IsInterrupted())                                                                                 \
-            return -1;                                                                                       \
+        RUVEL_FAIL_OR_INTERRUPT(NAME);                                                                       \
         RUVEL_PASS_ON(NAME);                                                                                 \
     }
 /** The same, which moves bytes: the third argument says how many. */
 #define RUVEL_TRANSFER(NAME)                                                                                 \
     RUVEL_DEFINE(NAME)                                                                                       \
     {                                                                                                        \
-        if (Fails(IndexOf(#NAME)))                                                                           \
-            return Refuse();                                                                                 \
-        if (IsInterrupted())                                                                                 \
-            return -1;                                                                                       \
+        RUVEL_FAIL_OR_INTERRUPT(NAME);                                                                       \
         c = a == signalDescriptor ? c : Part(c);                                                             \
         RUVEL_PASS_ON(NAME);                                                                                 \
     }

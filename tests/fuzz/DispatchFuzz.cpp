@@ -10,10 +10,12 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
+#include <vector>
 
 #include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -117,6 +119,23 @@ bool AreAllAnswered()
     for (const Peer& peer : play->peers)
         if (!peer.ended)
             return false;
+    return true;
+}
+
+/** Reads to every client's end. On a busy machine it comes a moment after the daemon has closed: true in
+ * time. */
+bool ReadToEnds()
+{
+    while (!AreAllAnswered()) {
+        std::vector<pollfd> waiting;
+        for (const Peer& peer : play->peers)
+            if (!peer.ended)
+                waiting.push_back({peer.descriptor, POLLIN, 0});
+        constexpr int patience = 5000; // milliseconds
+        if (poll(waiting.data(), waiting.size(), patience) == 0)
+            return false;
+        ReadAnswers();
+    }
     return true;
 }
 
@@ -307,12 +326,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
             port = 12000 + static_cast<int>(std::random_device{}() % 16000);
         }
     }
-    ReadAnswers();
-    for (Peer& peer : current.peers) {
-        Require(peer.ended, "every client has been let go");
-        if (peer.descriptor >= 0)
-            CloseAtOnce(peer);
-    }
+    Require(ReadToEnds(), "every client has been let go");
     EndSleepers();
     prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); // or the search for leaks cannot be made
     Require(CountDescriptors() == descriptors, "no descriptor is left open");
