@@ -83,6 +83,6 @@ void RuvelServer::EndLogs()
         EndingDemand demand;
         demand.cause = EndingCause::Shutdown;
         demand.ladder = Ladders::Worker;
-        EndingOf(static_cast<ThreadOrProcessConnection&>(*logs_[i])).Add(std::move(demand));
+        EndWorkOf(*logs_[i], std::move(demand));
     }
 }

@@ -6,6 +6,7 @@
 #include <new>
 #include <stdlib.h>
 
+#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
 #include "support/CommandEnvironment.h"
@@ -43,6 +44,7 @@ int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDire
         try {
             ServeOneTurn();
         } catch (const std::bad_alloc&) {
+            isUnfinished_ = true; // whatever was broken off is gone on with soon
             BaseString::PutTrace("Error out of memory", 1);
         }
         if (stop_ != Stop::No)
@@ -61,7 +63,7 @@ void RuvelServer::ServeOneTurn()
     AcceptClients();
     ServeCompleteRequests();
     PushAnswers();
-    CheckForLaunchedCommand(); // before the life times: what has ended by itself did not expire
+    ReportEnds();
     CheckConnectionLife();
     AdvanceEndings();
     StartFarewells();  // after all that may have ended a command
@@ -141,6 +143,8 @@ long long RuvelServer::NextDeadline() const
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
     next = Deadline::Earlier(next, checks_.NextDeadline());
     next = Deadline::Earlier(next, startFarewellsAt_);
+    if (!ends_.empty())
+        return 0; // more than one turn could report
     if (isUnfinished_)
         next = Deadline::Earlier(next, Clock::SteadyMilliseconds() + MemoryPause);
     next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));
@@ -188,8 +192,9 @@ void RuvelServer::ReapChildren(bool childEnded)
     }
     if (!Deadline::IsPast(reapAllAt_, now))
         return;
-    reapAllAt_ = Deadline::Never;
+    reapAllAt_ = now + MemoryPause; // should it break off
     BaseProcess::CleanZombiProcess();
+    reapAllAt_ = Deadline::Never;
 }
 
 void RuvelServer::AcceptClients()
@@ -205,12 +210,13 @@ void RuvelServer::AcceptClients()
 void RuvelServer::ServeCompleteRequests()
 {
     RefuseUsers();
-    for (int served = 0; served < WaitingClients::MostPerTurn && stop_ == Stop::No; ++served) {
+    const TurnShare share;
+    do {
         WaitingClient* client = waiting_.NextComplete();
         if (client == nullptr)
             break;
         ServeGuarded(*client);
-    }
+    } while (stop_ == Stop::No && !share.IsUsedUp());
     checks_.StartWaiting([this] { return ListSocketsForWorker(); });
     waiting_.Sweep();
 }

@@ -41,6 +41,7 @@ std::vector<EndingDemand*> Ending::Advance()
     const bool ended = HasEnded(code);
     const long long now = Clock::SteadyMilliseconds();
     std::vector<EndingDemand*> finished;
+    finished.reserve(demands_.size());
     for (auto& demand : demands_) {
         if (!demand->codeText.empty())
             continue;

@@ -8,20 +8,30 @@ constexpr int DeletionLimit = 30;
 
 } // namespace
 
-Ending& RuvelServer::EndingOf(BaseConnection& command)
+/** Begins, or joins in, the end of this work. Without memory for it nothing is being ended. */
+template <class Work>
+void RuvelServer::End(Work& work, EndingDemand demand)
 {
-    auto& ending = endings_[&command];
-    if (ending == nullptr)
-        ending = std::make_unique<Ending>(command);
-    return *ending;
+    const auto [entry, isNew] = endings_.try_emplace(&work);
+    try {
+        if (isNew)
+            entry->second = std::make_unique<Ending>(work);
+        entry->second->Add(std::move(demand));
+    } catch (const std::bad_alloc&) {
+        if (isNew)
+            endings_.erase(entry);
+        throw;
+    }
 }
 
-Ending& RuvelServer::EndingOf(ThreadOrProcessConnection& worker)
+void RuvelServer::EndWorkOf(BaseConnection& command, EndingDemand demand)
 {
-    auto& ending = endings_[&worker];
-    if (ending == nullptr)
-        ending = std::make_unique<Ending>(worker);
-    return *ending;
+    End(command, std::move(demand));
+}
+
+void RuvelServer::EndWorkOf(ThreadOrProcessConnection& worker, EndingDemand demand)
+{
+    End(worker, std::move(demand));
 }
 
 /** Ends the whole tree of a command that has lived long enough. */
@@ -32,7 +42,7 @@ void RuvelServer::EndCommand(BaseConnection& command, EndingCause cause, std::st
     demand.ladder = Ladders::CommandTree;
     demand.wholeTree = true;
     demand.text = text;
-    EndingOf(command).Add(std::move(demand));
+    EndWorkOf(command, std::move(demand));
 }
 
 void RuvelServer::EndTransfer(TransferConnection& transfer, EndingCause cause, std::string_view text)
@@ -41,7 +51,7 @@ void RuvelServer::EndTransfer(TransferConnection& transfer, EndingCause cause, s
     demand.cause = cause;
     demand.ladder = Ladders::Worker;
     demand.text = text;
-    EndingOf(static_cast<ThreadOrProcessConnection&>(transfer)).Add(std::move(demand));
+    EndWorkOf(transfer, std::move(demand));
 }
 
 void RuvelServer::AdvanceEndings()
@@ -49,15 +59,29 @@ void RuvelServer::AdvanceEndings()
     for (auto next = endings_.begin(); next != endings_.end();) {
         Ending& ending = *next->second;
         for (EndingDemand* demand : ending.Advance())
-            FinishDemand(ending, *demand);
-        if (ending.IsOver()) {
-            DropEndedWork(ending);
-            next = endings_.erase(next);
-        } else {
+            FinishGuarded(ending, *demand);
+        if (!ending.IsOver()) {
             ++next;
+            continue;
         }
+        remainders_.reserve(remainders_.size() + 1);
+        // Off the list first: the work goes, whatever happens on the way.
+        const auto over = endings_.extract(next++);
+        DropEndedWork(*over.mapped());
     }
     std::erase_if(remainders_, [](TreeRemainder& remainder) { return remainder.Advance(); });
+}
+
+/** A log that nobody is told of must not stay. */
+void RuvelServer::FinishGuarded(Ending& ending, EndingDemand& demand)
+{
+    try {
+        FinishDemand(ending, demand);
+    } catch (const std::bad_alloc&) {
+        if (ending.GetCommand() != nullptr && !ending.GetCommand()->IsSocketMode())
+            ending.GetCommand()->DeleteOutputFile(DeletionLimit);
+        throw;
+    }
 }
 
 /** Tells who asked, and, for the first demand, the work's own client. */
@@ -97,6 +121,7 @@ void RuvelServer::TellEndedCommand(BaseConnection& command, const EndingDemand& 
         auto log = std::make_unique<LogConnection>(command, code);
         log->SetMessage(QORUnicodeString(message));
         QORListPtrBaseSocket sockets = ListSocketsForWorker();
+        logs_.MakeRoom(); // a worker that runs must not be lost
         if (log->StartThreadOrProcess(sockets) == 0)
             logs_.Append(log.release());
     }

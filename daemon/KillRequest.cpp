@@ -41,6 +41,7 @@ T* FindByNumber(QORListPtr<T>& list, int number)
 /** One number space covers both kinds of work; transfers are looked for first. */
 void RuvelServer::ServeKill(WaitingClient& client)
 {
+    CheckForLaunchedCommand(); // what has ended by itself is not killed any more
     int number = 0;
     const bool isNumber = QORUnicodeString(client.fields[5]).ConvertToNum(&number, "%d") != 0;
     TransferConnection* transfer = isNumber ? FindByNumber(transfers_, number) : nullptr;
@@ -67,9 +68,9 @@ void RuvelServer::ServeKill(WaitingClient& client)
     demand.asker = std::make_unique<Connection>();
     TakeSocket(client, *demand.asker);
     if (transfer != nullptr)
-        EndingOf(static_cast<ThreadOrProcessConnection&>(*transfer)).Add(std::move(demand));
+        EndWorkOf(*transfer, std::move(demand));
     else
-        EndingOf(*command).Add(std::move(demand));
+        EndWorkOf(*command, std::move(demand));
 }
 
 void RuvelServer::RefuseKillOf(WaitingClient& client, std::string_view lead, std::string_view end)

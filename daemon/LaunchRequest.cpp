@@ -25,6 +25,10 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
     // The banner goes ahead of whatever the command writes on the same socket.
     if (arguments.socketMode)
         WriteToBaseConnectionSocket(command.get(), QORUnicodeString(protocol::BannerLine), 1);
+    Describe(*command, client);
+    // All memory first: what runs must not be lost for want of it.
+    commands_.MakeRoom();
+    auto entry = MakeIndexEntry(*command);
     if (StartCommand(*command, arguments) != 0) {
         std::string answer(arguments.socketMode ? std::string_view() : protocol::BannerLine);
         answer.append(protocol::LineLead).append(command->GetProcess().BaseProcessGetLastError().View());
@@ -33,38 +37,46 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
         return Dismiss(*command);
     }
 
-    try {
-        Supervise(command, client);
-    } catch (const std::bad_alloc&) {
-        // What nobody looks after must not run.
-        command->GetProcess().KillBaseProcess(1);
-        if (!arguments.socketMode)
-            command->DeleteOutputFile(0);
-        throw;
-    }
+    BaseConnection& started = *command;
+    entry.key() = started.GetProcess().GetProcessId();
+    commandOf_.insert(std::move(entry));
+    commands_.Append(command.release());
+    NoteLifeTime(started);
+    ++connectionCount_;
+    if (arguments.passive)
+        TellIdentifier(started);
 }
 
-/** The command has been started: it joins the others. Left with the caller when memory runs out. */
-void RuvelServer::Supervise(std::unique_ptr<BaseConnection>& command, const WaitingClient& client)
+void RuvelServer::Describe(BaseConnection& command, const WaitingClient& client) const
 {
     const LaunchArguments& arguments = client.launch;
-    command->SetAttributes(arguments.socketFlag, arguments.user, BaseString::GetTimeInSec(),
-                           arguments.command, connectionCount_, client.versionIndex, serverAddress_,
-                           serverPort_);
-    command->SetLifeTimeOut(arguments.lifeTimeOut);
-    NoteLifeTime(*command);
-    if (arguments.passive) {
-        command->SetPassiveHostAddressAndPortNumber(arguments.passiveHost, arguments.passivePort);
+    command.SetAttributes(arguments.socketFlag, arguments.user, BaseString::GetTimeInSec(), arguments.command,
+                          connectionCount_, client.versionIndex, serverAddress_, serverPort_);
+    command.SetLifeTimeOut(arguments.lifeTimeOut);
+    if (arguments.passive)
+        command.SetPassiveHostAddressAndPortNumber(arguments.passiveHost, arguments.passivePort);
+}
+
+/** To be inserted, which then takes no memory, once the process id is known. */
+RuvelServer::CommandIndex::node_type RuvelServer::MakeIndexEntry(BaseConnection& command)
+{
+    commandOf_.reserve(commandOf_.size() + 1);
+    return commandOf_.extract(commandOf_.emplace(0, &command).first);
+}
+
+/** The client of a passive launch leaves with this. */
+void RuvelServer::TellIdentifier(BaseConnection& command)
+{
+    try {
         const std::string answer = std::string(protocol::Identifier)
                                        .append(UniversalSeparator)
-                                       .append(command->GetIdentifier().View());
-        WriteToBaseConnectionSocket(command.get(), QORUnicodeString(answer), 0);
-        Dismiss(*command);
+                                       .append(command.GetIdentifier().View());
+        WriteToBaseConnectionSocket(&command, QORUnicodeString(answer), 0);
+        Dismiss(command);
+    } catch (const std::bad_alloc&) {
+        command.GetSocket().CloseBaseSocket(); // else it would wait until the command ends
+        throw;
     }
-    commands_.MakeRoom();
-    commandOf_[command->GetProcess().GetProcessId()] = command.get();
-    commands_.Append(command.release());
-    ++connectionCount_;
 }
 
 /** The result of the start call. The user has been checked before, where that is asked for. */

@@ -101,6 +101,7 @@ public:
 private:
     using State = WaitingClient::State;
     using RequestKind = protocol::RequestKind;
+    using CommandIndex = std::unordered_map<long, BaseConnection*>;
     enum class Stop { No, Demanded, EndingWork, AwaitingLogs, EndingLogs, TakingLeave, Done };
 
     // Start-up and the turn (DaemonLoop.cpp).
@@ -147,7 +148,9 @@ private:
 
     // One family of requests each.
     void ServeLaunch(WaitingClient& client);
-    void Supervise(std::unique_ptr<BaseConnection>& command, const WaitingClient& client);
+    void Describe(BaseConnection& command, const WaitingClient& client) const;
+    CommandIndex::node_type MakeIndexEntry(BaseConnection& command);
+    void TellIdentifier(BaseConnection& command);
     int StartCommand(BaseConnection& command, const LaunchArguments& arguments);
     QORUnicodeString NextLogFileName() const;
     void ServeInfo(WaitingClient& client);
@@ -164,6 +167,7 @@ private:
     void ServeUnknown(WaitingClient& client);
 
     // Supervision (Supervision.cpp).
+    void ReportEnds();
     void CheckLogs();
     void CheckTransfers();
     void CheckCommands();
@@ -181,11 +185,14 @@ private:
 
     // Ending work (Endings.cpp).
     bool IsBeingEnded(const Connection& connection) const { return endings_.contains(&connection); }
-    Ending& EndingOf(BaseConnection& command);
-    Ending& EndingOf(ThreadOrProcessConnection& worker);
+    template <class Work>
+    void End(Work& work, EndingDemand demand);
+    void EndWorkOf(BaseConnection& command, EndingDemand demand);
+    void EndWorkOf(ThreadOrProcessConnection& worker, EndingDemand demand);
     void EndCommand(BaseConnection& command, EndingCause cause, std::string_view text);
     void EndTransfer(TransferConnection& transfer, EndingCause cause, std::string_view text);
     void AdvanceEndings();
+    void FinishGuarded(Ending& ending, EndingDemand& demand);
     void FinishDemand(Ending& ending, EndingDemand& demand);
     void TellEndedCommand(BaseConnection& command, const EndingDemand& demand, int code);
     void DropEndedWork(Ending& ending);
@@ -211,10 +218,10 @@ private:
     QORListPtrBaseConnection commands_;
     QORListPtrTransferConnection transfers_;
     /** The live commands by process id, so that an end finds its own however many there are. */
-    std::unordered_map<long, BaseConnection*> commandOf_;
+    CommandIndex commandOf_;
     /** Process ids of children that have ended and have not been looked at. */
     std::deque<long> ends_;
-    /** Memory ran out while ends were reported. */
+    /** Memory ran out in a turn: the next one must not wait for something to happen. */
     bool isUnfinished_ = false;
     /** Workers that answer ALLINFO. */
     std::vector<std::unique_ptr<ReportConnection>> reports_;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "connections/WorkerStatus.h"
+#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
@@ -21,8 +22,16 @@ constexpr long long FarewellPause = 100;
 
 void RuvelServer::CheckForLaunchedCommand()
 {
+    do
+        ReportEnds();
+    while (!ends_.empty());
+}
+
+/** As much as one turn has time for. */
+void RuvelServer::ReportEnds()
+{
     // Nobody's end is unreported: so a turn costs nothing however many commands live.
-    if (ChildTable::CountOfUnaskedEnds() == 0 && !isUnfinished_)
+    if (ChildTable::CountOfUnaskedEnds() == 0 && ends_.empty() && !isUnfinished_)
         return;
     isUnfinished_ = true; // should a report break off, the next turn goes on with it
     CheckLogs();
@@ -64,7 +73,7 @@ void RuvelServer::CheckTransfers()
 void RuvelServer::CheckCommands()
 {
     ChildTable::TakeEnds(ends_);
-    while (!ends_.empty()) {
+    for (const TurnShare share; !ends_.empty() && !share.IsUsedUp();) {
         const auto ended = commandOf_.find(ends_.front());
         ends_.pop_front();
         int code = 0;
@@ -148,12 +157,19 @@ void RuvelServer::StartFarewells()
     if (!Deadline::IsPast(startFarewellsAt_, now))
         return;
     startFarewellsAt_ = Deadline::Never;
+    const TurnShare share;
     for (const auto& farewell : farewells_) {
-        QORListPtrBaseSocket sockets = ListSocketsForWorker();
-        if (farewell->IsHandedOver() || farewell->HandOver(sockets) == 0)
+        if (farewell->IsHandedOver())
             continue;
-        startFarewellsAt_ = now + FarewellPause;
-        return;
+        if (share.IsUsedUp()) {
+            startFarewellsAt_ = now;
+            return;
+        }
+        QORListPtrBaseSocket sockets = ListSocketsForWorker();
+        if (farewell->HandOver(sockets) != 0) {
+            startFarewellsAt_ = now + FarewellPause;
+            return;
+        }
     }
 }
 
@@ -177,9 +193,15 @@ void RuvelServer::CheckConnectionLife()
     const long now = BaseString::GetTimeInSec();
     if (nextEndOfLife_ == 0 || now < nextEndOfLife_)
         return;
+    CheckForLaunchedCommand(); // what has ended by itself did not expire
     nextEndOfLife_ = 0;
-    ExpireTransfers(now);
-    ExpireCommands(now);
+    try {
+        ExpireTransfers(now);
+        ExpireCommands(now);
+    } catch (const std::bad_alloc&) {
+        nextEndOfLife_ = now; // some have not been looked at
+        throw;
+    }
 }
 
 void RuvelServer::ExpireTransfers(long now)

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/random.h>
@@ -43,6 +44,25 @@ std::string FindOwnHome()
     const char* home = getenv("HOME");
     return home != nullptr && *home != '\0' ? home : Accounts::Own().home;
 }
+
+/** A log that is removed again unless its command has been started. */
+class NewLog
+{
+public:
+    explicit NewLog(const std::string& name) : name_(name) {}
+    NewLog(const NewLog&) = delete;
+    NewLog& operator=(const NewLog&) = delete;
+    ~NewLog()
+    {
+        if (!isKept_)
+            unlink(name_.c_str());
+    }
+    void Keep() { isKept_ = true; }
+
+private:
+    const std::string& name_;
+    bool isKept_ = false;
+};
 
 int ToExitCode(int waitStatus)
 {
@@ -110,10 +130,11 @@ int BaseProcess::Start(const QORUnicodeString& command, const Account* account, 
                                     : LogFile::Create(log, account->userId, account->groupId, reason));
     if (!output.IsOpen())
         return Fail(reason);
-    const int result = Launch(command, account, input.Number(), output.Number());
-    if (result != 0)
-        unlink(log.c_str());
-    return result;
+    NewLog newLog(log);
+    if (Launch(command, account, input.Number(), output.Number()) != 0)
+        return 1;
+    newLog.Keep();
+    return 0;
 }
 
 int BaseProcess::Launch(const QORUnicodeString& command, const Account* account, int input, int output)
@@ -131,6 +152,8 @@ int BaseProcess::Launch(const QORUnicodeString& command, const Account* account,
         identity = {account->userId, account->groupId, account->groups.data(), account->groups.size()};
     const bool takesIdentity = account != nullptr && geteuid() == 0;
 
+    // All memory first: a command that runs must not be lost for want of it.
+    std::string markOfTree = mark;
     ChildTable::Prepare();
     const pid_t processId = StartCommandChild(
         {arguments, environment.Entries(), input, output, home.c_str(), takesIdentity ? &identity : nullptr});
@@ -139,7 +162,7 @@ int BaseProcess::Launch(const QORUnicodeString& command, const Account* account,
     child_ = ChildTable::Enter(processId);
     processId_ = processId;
     userId_ = account == nullptr ? geteuid() : account->userId;
-    tree_ = ProcessTree(child_, mark);
+    tree_ = ProcessTree(child_, std::move(markOfTree));
     return 0;
 }
 

@@ -35,7 +35,7 @@ struct Abandoned {
 Abandoned* abandoned = nullptr;
 unsigned long long lastSerial = 0;
 int unaskedEnds = 0;
-std::deque<long> ends;            // that nobody has taken yet
+std::vector<long> ends;           // that nobody has taken yet; there is room for everybody's
 std::array<pid_t, 16> youngest{}; // the last that were entered, each in the place of its serial
 
 constexpr int MostReapedByWalk = 16;
@@ -104,6 +104,8 @@ void Prepare()
 {
     if (!spare.empty())
         return;
+    if (ends.capacity() < ends.size() + records.size() + 1)
+        ends.reserve(2 * (ends.size() + records.size() + 1));
     records.reserve(records.size() + 2); // one for the spare itself, one for good: no later growth
     spare = records.extract(records.emplace(0, Record()));
 }

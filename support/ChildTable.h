@@ -34,7 +34,7 @@ enum class ChildState {
 namespace ChildTable
 {
 /** Makes room for one more child. Called before a fork, it lets memory run out while nothing has been
- * started yet; the Enter() that follows cannot fail. */
+ * started yet; the Enter() that follows cannot fail, nor can the note of the child's end. */
 void Prepare();
 /** Enters a child that was just forked. Must come before the next Reap(). */
 ChildId Enter(pid_t processId);

@@ -219,10 +219,11 @@ std::string Scenario::KillTree()
         return begin + "(not listed)\n" + listing;
     const std::string request = As({"FORCEKILLTREE", number.str(1)});
     std::string told = AskFor(request);
+    const bool isClosed = told.empty();
     if (told.find("tree force killed") == std::string::npos)
         told += "\n" + AskFor(request);
     const std::string rest = victim.ReadUntilOrEnd();
-    if (rest.empty()) // closed
+    if (rest.empty() || isClosed)
         return begin;
     static const std::regex numbers("N\\([0-9]+\\)");
     return std::regex_replace(begin + rest + told, numbers, "N(#)");
