@@ -1,8 +1,7 @@
 // What a thousand bad clients of all kinds cost everybody else: the time of others' launches and listings at
 // its 50th and 99th percentile, without and with them, and how long a turn of the daemon's loop takes, as
-// strace sees it from outside (which makes every system call of the daemon some 20 to 50 us dearer: the
-// turns are measured last, and the true ones are shorter). The bad clients are niced, so that not they are
-// measured. Their number can be given.
+// the system's trace points tell it from outside. The bad clients are niced, so that not they are measured.
+// Their number can be given.
 
 #include <algorithm>
 #include <cerrno>
@@ -29,7 +28,7 @@ namespace
 {
 constexpr int SmallReceiveBuffer = 4096;
 constexpr int MegaByte = 1024 * 1024;
-constexpr int Samples = 600;
+constexpr int Samples = 2000;
 constexpr int TracedSeconds = 10;
 
 std::string Kill(const std::string& word, int number)
@@ -77,23 +76,17 @@ public:
         Add(size_ - static_cast<int>(clients_.size() + slow_.size()), ""); // silent
     }
 
+    /** All of them once a second, spread over it: they do not know of each other. */
     [[noreturn]] void Misbehave()
     {
-        for (unsigned round = 0;; ++round) {
-            for (const FileDescriptor& client : slow_)
-                send(client.Number(), "x", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-            for (int i = 0; i < size_ / 40; ++i) {
-                try {
-                    FileDescriptor gone = ConnectTo(port_);
-                    Send(gone, LaunchRequest(i % 2 == 0 ? "SOCKET" : "NOSOCKET", "seq 1 1000"));
-                    if (i % 3 != 0)
-                        CloseWithReset(gone); // in the middle; the rest close right after their request
-                } catch (const std::exception&) {
-                    continue; // as long as the daemon has no room for such as these
-                }
-            }
-            SendLongRequest();
-            usleep(1'000'000);
+        const std::size_t steps = static_cast<std::size_t>(std::max(size_ / 40, 1));
+        for (std::size_t step = 0;; step = (step + 1) % steps) {
+            for (std::size_t i = step; i < slow_.size(); i += steps)
+                send(slow_[i].Number(), "x", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            LeaveEarly(step);
+            if (step == 0)
+                SendLongRequest();
+            usleep(1'000'000 / static_cast<useconds_t>(steps));
         }
     }
 
@@ -106,6 +99,18 @@ private:
                 Send(clients_.back(), request);
             if (i % 16 == 15)
                 TimeAnswer(port_, InfoRequest()); // no more wait to be accepted than there is room for
+        }
+    }
+
+    void LeaveEarly(std::size_t step) const
+    {
+        try {
+            FileDescriptor gone = ConnectTo(port_);
+            Send(gone, LaunchRequest(step % 2 == 0 ? "SOCKET" : "NOSOCKET", "seq 1 1000"));
+            if (step % 3 != 0)
+                CloseWithReset(gone); // in the middle; the rest close right after their request
+        } catch (const std::exception&) {
+            return; // as long as the daemon has no room for such as these
         }
     }
 
@@ -194,21 +199,20 @@ Measured Measure(const char* what, const BenchDaemon& daemon)
     return measured;
 }
 
-/** Milliseconds between the end of a wait and the beginning of the next, of every turn in the file. */
-std::vector<double> ReadTurns(const char* file)
+/** Milliseconds between the end of a wait and the beginning of the next, of every turn in perf's records. */
+std::vector<double> ReadTurns(const std::string& file)
 {
     std::vector<double> turns;
-    std::ifstream lines(file);
-    double lastEnd = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const size_t lasted = line.rfind('<');
-        if (line.find(" poll([{") == std::string::npos || lasted == std::string::npos)
-            continue;
-        const double begin = atof(line.c_str());
-        if (lastEnd != 0)
-            turns.push_back((begin - lastEnd) * 1000);
-        lastEnd = begin + atof(line.c_str() + lasted + 1);
+    FILE* const lines = popen(("perf script -F time,event -i " + file + " 2>/dev/null").c_str(), "r");
+    double lastEnd = 0, time = 0;
+    for (char event[64]; lines != nullptr && fscanf(lines, "%lf: %63s", &time, event) == 2;) {
+        const bool isBegin = strstr(event, "sys_enter_poll") != nullptr;
+        if (isBegin && lastEnd != 0)
+            turns.push_back((time - lastEnd) * 1000);
+        lastEnd = isBegin ? 0 : time;
     }
+    if (lines != nullptr)
+        pclose(lines);
     return turns;
 }
 
@@ -218,8 +222,8 @@ void MeasureTurns(const BenchDaemon& daemon)
     close(mkstemp(file));
     const pid_t tracer = fork();
     if (tracer == 0) {
-        execlp("strace", "strace", "-qq", "-ttt", "-T", "-e", "trace=poll", "-o", file, "-p",
-               std::to_string(daemon.Id()).c_str(), nullptr);
+        execlp("perf", "perf", "record", "-q", "--no-inherit", "-e", "syscalls:sys_enter_poll", "-e",
+               "syscalls:sys_exit_poll", "-o", file, "-p", std::to_string(daemon.Id()).c_str(), nullptr);
         _exit(127);
     }
     const double end = NowInMicroseconds() + 1e6 * TracedSeconds;
@@ -232,9 +236,9 @@ void MeasureTurns(const BenchDaemon& daemon)
     const std::vector<double> turns = ReadTurns(file);
     unlink(file);
     if (turns.empty())
-        return void(printf("turns: not measured, as there is no strace or it may not trace\n"));
-    printf("turns under strace: %zu, p50 %.3f p99 %.3f p99.9 %.3f longest %.3f ms\n", turns.size(),
-           Percentile(turns, 0.5), Percentile(turns, 0.99), Percentile(turns, 0.999), Percentile(turns, 1));
+        return void(printf("turns: not measured, as there is no perf or it may not trace\n"));
+    printf("%zu turns: p50 %.3f p99 %.3f p99.9 %.3f longest %.3f ms\n", turns.size(), Percentile(turns, 0.5),
+           Percentile(turns, 0.99), Percentile(turns, 0.999), Percentile(turns, 1));
 }
 
 /** What would outlive the daemon: commands that ignore their end, and workers whose client never comes. */

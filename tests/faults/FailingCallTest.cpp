@@ -109,10 +109,6 @@ std::set<long> Choose(long calls, bool justOne = false)
     return chosen;
 }
 
-/** Which of these calls fails first differs from run to run, and with it what a client may see of it: they
- * are for the long form. */
-const std::set<std::string_view> MemoryKinds = {"mmap64", "operator new"};
-
 const std::vector<std::string> Complaints = {"Error in _InitThreadOrProcess()"};
 
 /** What only a daemon that serves several users does, or does otherwise. */
@@ -127,8 +123,7 @@ void LetEachCallFail(const DaemonOptions& options, const Asker& asker,
     Bench bench(options, asker);
     bench.CountCalls();
     for (size_t kind = 0; kind < faults::KindCount; ++kind) {
-        const bool isChosen = IsLongForm() || (kinds.empty() ? !MemoryKinds.contains(Kinds[kind].name)
-                                                             : kinds.contains(Kinds[kind].name));
+        const bool isChosen = IsLongForm() || kinds.empty() || kinds.contains(Kinds[kind].name);
         if (!isChosen || !IsWanted(Kinds[kind]))
             continue;
         const size_t errors = IsLongForm() ? Kinds[kind].errors.size() : 1;
