@@ -6,8 +6,8 @@
 
 /**
  * Whole pages that keep a secret to the process that got them: a forked child finds zeros there, so that no
- * worker takes along what was meant for another, and a core file leaves them out. The system clears them
- * before anybody else has them.
+ * worker takes along what was meant for another, and a core file leaves them out. They are cleared before
+ * anybody else has them. For one thread.
  */
 namespace SecretPages
 {
