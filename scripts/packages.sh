@@ -4,7 +4,7 @@
 # To compile the daemon and its client.
 build_packages=(cmake ninja-build g++ libpam0g-dev libcli11-dev nlohmann-json3-dev)
 # Besides these: to check the format, compile the tests and run them (ksh is the interactive form's shell).
-test_packages=(clang-format libgtest-dev libgmock-dev ksh passwd procps util-linux
+test_packages=(clang-format libgtest-dev libgmock-dev ksh passwd procps strace util-linux
                # the tools that drive remote machines through ruvelsh
                ansible-core clustershell git openssh-client openssh-server parallel pdsh rsync tar)
 
