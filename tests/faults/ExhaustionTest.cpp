@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/faults/Scenario.h"
 #include "tests/system/SystemFacts.h"
 #include "tests/system/TestAccount.h"
 #include "tests/system/TransferClient.h"
@@ -87,9 +88,24 @@ void ExpectService(DaemonUnderTest& daemon)
     EXPECT_EQ(Ask(daemon, Launch("SOCKET", "echo on; exit 3")), Finished("on\n", 3));
     EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "echo on; exit 4")), Finished("on\n", 4));
 }
+
+std::size_t AddressSpaceOf(pid_t process)
+{
+    const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
+    return std::stoul(status.substr(status.find("VmSize:") + 7)) * 1024;
+}
+
+/** The whole answer, or word of an error, or a closed connection before the answer is whole. */
+void ExpectWholeOrRefused(DaemonUnderTest& daemon, const std::string& request, const std::string& expected)
+{
+    Client client = daemon.Connect();
+    client.Send(request);
+    const std::string answer = client.ReadUntilOrEnd();
+    EXPECT_TRUE(expected.starts_with(answer) || answer.find("Error") != std::string::npos) << answer;
+}
 } // namespace
 
-// The sanitizers' own checks need descriptors.
+// The sanitizers' own checks need descriptors, and more address space than is there.
 #ifndef __SANITIZE_ADDRESS__
 TEST(Exhaustion, DescriptorsTakenBySilentClients)
 {
@@ -110,6 +126,28 @@ TEST(Exhaustion, DescriptorsTakenBySilentClients)
     EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(id) == before; }));
 }
 
+TEST(Exhaustion, AddressSpaceTakenByLongRequests)
+{
+    DaemonUnderTest daemon;
+    const pid_t id = daemon.Process().Id();
+    const size_t before = CountDescriptorsOf(id);
+    const std::string endless(600'000, 'x');
+    for (const size_t margin : {0U, 150'000U, 1'000'000U}) {
+        const Scarcity scarcity(id, RLIMIT_AS, AddressSpaceOf(id) + margin);
+        for (int round = 0; round < 5; ++round) {
+            std::vector<Client> hungry;
+            for (int i = 0; i < 8; ++i) {
+                hungry.push_back(daemon.Connect());
+                hungry.back().Send(endless);
+            }
+            ExpectWholeOrRefused(daemon, Launch("SOCKET", "echo on; exit 3"), Finished("on\n", 3));
+            ExpectWholeOrRefused(daemon, Launch("NOSOCKET", "echo on; exit 4"), Finished("on\n", 4));
+        }
+        EXPECT_TRUE(daemon.Process().WaitForTrace("out of memory"));
+    }
+    ExpectService(daemon);
+    ExpectRest(daemon, {}, before);
+}
 #endif
 
 TEST(ExhaustionAsRoot, Processes)
