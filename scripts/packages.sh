@@ -15,6 +15,9 @@ is_installed() {
 # To build and run the fuzzers.
 fuzz_packages=(clang libclang-rt-14-dev)
 
+# To look for errors of memory besides those that the sanitizers find.
+memcheck_packages=(libc6-dbg valgrind)
+
 # To build the Debian packages and try them in a clean root.
 package_packages=(debootstrap dpkg-dev file iproute2 lintian mandoc socat util-linux)
 

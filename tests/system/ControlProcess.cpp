@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/system/ServerProcess.h"
 #include "tests/system/Waiting.h"
 
 std::string ClientFolder()
@@ -70,6 +71,7 @@ void ControlProcess::Become(int program) const
     for (const std::string& argument : arguments_)
         vector.push_back(const_cast<char*>(argument.c_str()));
     vector.push_back(nullptr);
+    ExecuteUnderTool(ClientFolder() + "/" + options_.program, vector);
     fexecve(program, vector.data(), environ);
     _exit(127);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -36,14 +37,14 @@ ServerProcess::ServerProcess(const std::string& directory, const std::vector<std
         throw std::runtime_error(file.string() + ": " + strerror(errno));
     id_ = fork();
     if (id_ == 0)
-        Become(arguments, user, descriptor);
+        Become(arguments, user, file, descriptor);
     close(descriptor);
     if (id_ < 0)
         throw std::runtime_error("unable to fork");
 }
 
 void ServerProcess::Become(const std::vector<std::string>& arguments, const std::string& user,
-                           int program) const
+                           const std::string& file, int program) const
 {
     const int flags = O_WRONLY | O_CREAT | O_APPEND;
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
@@ -70,6 +71,7 @@ void ServerProcess::Become(const std::vector<std::string>& arguments, const std:
     for (const std::string& argument : arguments)
         vector.push_back(const_cast<char*>(argument.c_str()));
     vector.push_back(nullptr);
+    ExecuteUnderTool(file, vector);
     fexecve(program, vector.data(), environ);
     _exit(127);
 }
@@ -80,6 +82,22 @@ ServerProcess::~ServerProcess()
         kill(id_, SIGKILL);
         waitpid(id_, nullptr, 0);
     }
+}
+
+void ExecuteUnderTool(const std::string& file, const std::vector<char*>& arguments)
+{
+    const char* const tool = getenv("RUVEL_UNDER");
+    if (tool == nullptr)
+        return;
+    std::istringstream text(tool);
+    std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
+    words.push_back(file);
+    std::vector<char*> line;
+    for (std::string& word : words)
+        line.push_back(word.data());
+    line.insert(line.end(), arguments.begin() + 1, arguments.end());
+    execvp(line[0], line.data());
+    _exit(127);
 }
 
 void ServerProcess::Signal(int number) const

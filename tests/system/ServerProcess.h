@@ -32,13 +32,17 @@ public:
 
 private:
     [[noreturn]] void Become(const std::vector<std::string>& arguments, const std::string& user,
-                             int program) const;
+                             const std::string& file, int program) const;
 
     std::string directory_;
     pid_t id_ = -1;
     bool ended_ = false;
     int status_ = -1;
 };
+
+/** In place of a program that is tested: the tool that RUVEL_UNDER names, with its options, which is to run
+ * it. Returns when there is none. `arguments` begin with the name and end with a null. */
+void ExecuteUnderTool(const std::string& file, const std::vector<char*>& arguments);
 
 /** A new directory of the test's own under /tmp, which goes with everything in it when the object goes. */
 class TestDirectory
