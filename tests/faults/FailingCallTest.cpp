@@ -116,17 +116,18 @@ const std::set<std::string_view> IdentityKinds = {
     "fchown",       "fork",      "getgroups", "getpwnam_r", "pam_acct_mgmt", "pam_authenticate",
     "pam_set_item", "pam_start", "setgroups", "setresgid",  "setresuid",     "syscall"};
 
-/** In the short form, of these kinds only, if there are any, and of each only one call. */
+/** In the short form, of these kinds only, if there are any, and of each only one call; in the long form the
+ * others fail with one of their errors. */
 void LetEachCallFail(const DaemonOptions& options, const Asker& asker,
                      const std::set<std::string_view>& kinds = {})
 {
     Bench bench(options, asker);
     bench.CountCalls();
     for (size_t kind = 0; kind < faults::KindCount; ++kind) {
-        const bool isChosen = IsLongForm() || kinds.empty() || kinds.contains(Kinds[kind].name);
-        if (!isChosen || !IsWanted(Kinds[kind]))
+        const bool isFull = kinds.empty() || kinds.contains(Kinds[kind].name);
+        if (!(isFull || IsLongForm()) || !IsWanted(Kinds[kind]))
             continue;
-        const size_t errors = IsLongForm() ? Kinds[kind].errors.size() : 1;
+        const size_t errors = isFull && IsLongForm() ? Kinds[kind].errors.size() : 1;
         for (const Place place : Places)
             for (const long number : Choose(bench.CountOf(place, kind), !kinds.empty()))
                 for (size_t i = 0; i < errors; ++i)
