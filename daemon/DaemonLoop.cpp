@@ -14,6 +14,7 @@
 #include "support/ServiceManager.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
@@ -29,6 +30,9 @@ constexpr int ShortestReapPause = 5;
 constexpr int ChildrenPerMillisecond = 500;
 /** Milliseconds until work that found no memory is gone on with. */
 constexpr long long MemoryPause = 10;
+/** Milliseconds for which a port may be taken before that is told, and between two looks. */
+constexpr int PortPatience = 300;
+constexpr int PortPause = 10;
 
 } // namespace
 
@@ -89,8 +93,25 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
     return OpenWithRetries(port, retryNumber, retryTime) != 0 || ProbeDataPort() != 0;
 }
 
+/** A worker that was just forked when its daemon was killed holds the port for another moment. */
+void RuvelServer::AwaitPort(int port) const
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    const long long deadline = Clock::SteadyMilliseconds() + PortPatience;
+    BaseSocket probe;
+    pollfd signals = {signalDescriptor_, POLLIN, 0};
+    while (probe.Bind(address) != 0 && probe.IsLocalAddressUnavailable() &&
+           !Deadline::IsPast(deadline, Clock::SteadyMilliseconds()))
+        if (poll(&signals, 1, PortPause) > 0)
+            return;
+}
+
 int RuvelServer::OpenWithRetries(int port, int retryNumber, int retryTime)
 {
+    AwaitPort(port);
     const int furtherAttempts = std::max(retryNumber, 0);
     const int pause = std::max(retryTime, 1);
     for (int attempt = 0; OpenRuvelServer(port, 0) != 0; ++attempt) {

@@ -107,6 +107,7 @@ private:
     // Start-up and the turn (DaemonLoop.cpp).
     void ServeOneTurn();
     int PrepareToServe(int port, int retryNumber, int retryTime);
+    void AwaitPort(int port) const;
     int OpenWithRetries(int port, int retryNumber, int retryTime);
     int ProbeDataPort();
     bool IsNothingAlive() const;

@@ -170,10 +170,9 @@ public:
         const auto begin = std::chrono::steady_clock::now();
         const std::string own = Directory() + "/" + std::to_string(++starts_);
         std::filesystem::create_directory(own);
-        // A worker that was just forked when its daemon was killed holds the port for another moment.
         process_ = std::make_unique<ServerProcess>(
-            own, std::vector<std::string>{"-noinstall", "-nocheck", "-retrynumber", "10", "-port",
-                                          std::to_string(port_), "-logdirectory", Directory()});
+            own, std::vector<std::string>{"-noinstall", "-nocheck", "-port", std::to_string(port_),
+                                          "-logdirectory", Directory()});
         EXPECT_TRUE(process_->WaitForTrace("Check port (" + std::to_string(port_ - 1) +
                                            ") for data connection...(successfull)\n"))
             << process_->Trace();
