@@ -151,9 +151,9 @@ double ShareLonger(const std::vector<double>& a, const std::vector<double>& b)
 
 void MeasureRefusals(const BenchDaemon& daemon)
 {
-    const TestAccount account;
-    TestAccount locked;
-    TestAccount expired;
+    const TestAccount account({}, TestAccount::Check::Usual);
+    TestAccount locked({}, TestAccount::Check::Usual);
+    TestAccount expired({}, TestAccount::Check::Usual);
     locked.Lock();
     expired.Expire();
     const struct {
@@ -218,8 +218,8 @@ double TimeLaunch(const BenchDaemon& daemon, const TestAccount& account, const T
 
 void MeasureCrowd(const BenchDaemon& daemon)
 {
-    const TestAccount account;
-    const TestAccount unrelated;
+    const TestAccount account({}, TestAccount::Check::Usual);
+    const TestAccount unrelated({}, TestAccount::Check::Usual);
     std::vector<double> alone, own, others;
     for (int round = 0; round < Rounds; ++round) {
         for (int i = 0; i < 4; ++i)
@@ -237,7 +237,7 @@ void MeasureCrowd(const BenchDaemon& daemon)
 
 void MeasureBurst(const BenchDaemon& daemon)
 {
-    const TestAccount account;
+    const TestAccount account({}, TestAccount::Check::Usual);
     std::vector<Asked> all;
     const double begin = Now();
     for (int i = 0; i < BurstSize; ++i)

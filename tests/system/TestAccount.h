@@ -13,8 +13,11 @@
 class TestAccount
 {
 public:
+    /** What a check of the password costs: next to nothing, or what it costs for this machine's users. */
+    enum class Check { Cheap, Usual };
+
     /** With these existing groups as supplementary groups. */
-    explicit TestAccount(const std::vector<std::string>& groups = {});
+    explicit TestAccount(const std::vector<std::string>& groups = {}, Check check = Check::Cheap);
     TestAccount(const TestAccount&) = delete;
     TestAccount& operator=(const TestAccount&) = delete;
     ~TestAccount();

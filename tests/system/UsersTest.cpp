@@ -155,7 +155,7 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
 TEST(Users, WrongPasswordsInFlightHoldUpNobody)
 {
     constexpr int Crowd = 200; // checking all of them takes longer than they are held back
-    const TestAccount account;
+    const TestAccount account({}, TestAccount::Check::Usual);
     DaemonUnderTest daemon({.mode = {}});
     std::vector<Client> wrong;
     for (int i = 0; i < Crowd; ++i)
