@@ -19,7 +19,6 @@ namespace
 constexpr int ConnectionAttempts = 30;
 constexpr int FirstStreamingVersion = 9; // clients before it expect the log as one piece
 constexpr long long WholeLogLimit = 10240000;
-constexpr int BlockSize = 16384;
 
 /** 0, or 1 when the write failed, which is traced. */
 int WriteAndTrace(BaseSocket& socket, const QORUnicodeString& text)
@@ -160,7 +159,7 @@ void LogConnection::TransferStream(BaseSocket& socket, OpenFile& log)
         return;
     ProgressReport progress(GetStatusBoard(), protocol::SentLead);
     long long bytesSent = 0;
-    alignas(4096) char block[BlockSize]; // whole pages are copied at less cost
+    alignas(4096) static char block[OpenFile::BlockSize]; // whole pages are copied at less cost
     long count;
     while ((count = log.Read(block, sizeof block)) > 0) {
         if (socket.WriteBinaryFileToBaseSocket(block, static_cast<int>(count)) == -1) {

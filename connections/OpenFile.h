@@ -9,6 +9,12 @@
 class OpenFile
 {
 public:
+    /**
+     * How many bytes of a file are best moved at a time: few calls, and all still in the processor's cache
+     * when they are passed on. Too many for the stack, which whoever starts the daemon may have limited.
+     */
+    static constexpr std::size_t BlockSize = 524288;
+
     explicit OpenFile(int descriptor = -1) : descriptor_(descriptor) {}
     OpenFile(const OpenFile&) = delete;
     OpenFile(OpenFile&& other) noexcept;

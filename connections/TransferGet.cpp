@@ -20,11 +20,6 @@
 
 #include <fcntl.h>
 
-namespace
-{
-constexpr std::size_t BlockSize = 16384;
-} // namespace
-
 int TransferConnection::TransferGet()
 {
     if (OpenRemoteFile(O_RDONLY) != 0)
@@ -72,11 +67,12 @@ int TransferConnection::CheckClientsPart(std::string_view& keyword, std::string&
 int TransferConnection::SendFile()
 {
     ProgressReport progress(GetStatusBoard(), protocol::SentLead);
-    char block[BlockSize];
-    char expanded[2 * BlockSize]; // room for a CR before every byte
+    alignas(4096) static char block[OpenFile::BlockSize]; // whole pages are copied at less cost
+    static char expanded[OpenFile::BlockSize];
+    const std::size_t length = ascii_ != 0 ? sizeof expanded / 2 : sizeof block; // a CR before every byte
     long long bytesSent = 0;
     long count;
-    while ((count = file_.Read(block, sizeof block)) > 0) {
+    while ((count = file_.Read(block, length)) > 0) {
         std::string_view bytes(block, static_cast<std::size_t>(count));
         if (ascii_ != 0)
             bytes = {expanded, LineEnds::Expand(bytes, expanded)};

@@ -29,7 +29,6 @@
 
 namespace
 {
-constexpr std::size_t BlockSize = 16384;
 constexpr int DataTimeOut = 900;     // seconds for the client's reply and for every piece of its data
 constexpr std::size_t TraceLead = 2; // the "->" of a client's line, which the trace goes without
 } // namespace
@@ -120,12 +119,12 @@ int TransferConnection::ReceiveBlocks()
 {
     ProgressReport progress(GetStatusBoard(), protocol::ReceivedLead);
     LineEnds::Reducer lineEnds;
-    char room[1 + BlockSize]; // the byte in front is for a CR that was held back
+    static char room[1 + OpenFile::BlockSize]; // the byte in front is for a CR that was held back
     char* block = room + 1;
     long long bytesReceived = 0;
     int count;
-    while ((count = dataSocket_.ReadBinaryFileFromBaseSocketNonBlocking(&block, BlockSize, DataTimeOut)) >
-           0) {
+    while ((count = dataSocket_.ReadBinaryFileFromBaseSocketNonBlocking(&block, OpenFile::BlockSize,
+                                                                        DataTimeOut)) > 0) {
         bytesReceived += count;
         const auto length = static_cast<std::size_t>(count);
         if (WriteToFile(ascii_ != 0 ? lineEnds.Reduce(room, length) : std::string_view(block, length)) != 0)

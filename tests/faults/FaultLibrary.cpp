@@ -82,9 +82,9 @@ bool IsInterrupted()
 /** How many of so many bytes a read or write gets: at least one, now and then only that. */
 long Part(long length)
 {
-    // A request and a reply are what one write delivers: those reads, which have far more room, stay whole.
-    constexpr long longestBlock = 16384;
-    if (!IsArmed() || !plan->isStuttering || length < 2 || length > longestBlock)
+    // A request and a reply are what one write delivers: the reads with room for one stay whole.
+    constexpr long roomForRequest = 65536;
+    if (!IsArmed() || !plan->isStuttering || length < 2 || length == roomForRequest)
         return length;
     const std::uint32_t choice = Random();
     return choice % 8 == 0 ? 1 : 1 + static_cast<long>(Random() % static_cast<std::uint32_t>(length));
