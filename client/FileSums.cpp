@@ -1,15 +1,12 @@
 #include "client/FileSums.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <vector>
 
 #include <unistd.h>
 
-namespace
-{
-constexpr std::size_t BlockSize = 262144;
-} // namespace
+#include "support/FileCheckSum.h"
 
 void FileSums::Add(std::string_view bytes)
 {
@@ -26,6 +23,12 @@ void FileSums::Add(std::string_view bytes)
     }
 }
 
+void FileSums::Append(const CheckSum& following, long long length)
+{
+    sum_.Append(following, static_cast<unsigned long long>(length));
+    size_ += length;
+}
+
 FileFacts FileSums::Facts() const
 {
     return {size_, head_, sum_.GetValue()};
@@ -33,16 +36,20 @@ FileFacts FileSums::Facts() const
 
 int AddBeginning(int file, long long size, FileSums& sums)
 {
-    std::vector<char> block(BlockSize);
-    for (long long done = 0; done < size;) {
-        const auto length = static_cast<std::size_t>(std::min<long long>(size - done, BlockSize));
-        const ssize_t count = pread(file, block.data(), length, done);
+    const long long headSize = std::min<long long>(size, FileSums::HeadSize);
+    std::array<char, FileSums::HeadSize> head;
+    for (long long done = 0; done < headSize;) {
+        const ssize_t count = pread(file, head.data(), static_cast<std::size_t>(headSize - done), done);
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
             return count < 0 ? errno : EIO;
-        sums.Add(std::string_view(block.data(), static_cast<std::size_t>(count)));
+        sums.Add(std::string_view(head.data(), static_cast<std::size_t>(count)));
         done += count;
     }
+    CheckSum rest;
+    if (const int error = SumUpRange(file, headSize, size, rest, {}))
+        return error;
+    sums.Append(rest, size - headSize);
     return 0;
 }

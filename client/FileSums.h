@@ -20,6 +20,8 @@ public:
     static constexpr std::size_t HeadSize = 16384;
 
     void Add(std::string_view bytes);
+    /** Adds so many bytes that were summed up apart, once the head is complete. */
+    void Append(const CheckSum& following, long long length);
     /** Of all bytes so far. */
     FileFacts Facts() const;
 

@@ -61,9 +61,9 @@ int OpenFile::Write(const char* buffer, std::size_t length)
     return 0;
 }
 
-int OpenFile::Rewind()
+int OpenFile::MoveTo(long long offset)
 {
-    return lseek(descriptor_, 0, SEEK_SET) == 0 ? 0 : -1;
+    return lseek(descriptor_, offset, SEEK_SET) == offset ? 0 : -1;
 }
 
 int OpenFile::SetBlocking()

@@ -30,8 +30,10 @@ public:
     long Read(char* buffer, std::size_t length);
     /** 0 when everything was written, else -1. */
     int Write(const char* buffer, std::size_t length);
+    /** 0 when the file goes on at so many bytes from its start, else -1. */
+    int MoveTo(long long offset);
     /** 0 when the file is back at its start, else -1. */
-    int Rewind();
+    int Rewind() { return MoveTo(0); }
     /** Takes O_NONBLOCK off what was opened with it: 0, else -1. */
     int SetBlocking();
     /** 0, or -1 when the system tells only now that what was written could not be kept. */

@@ -4,12 +4,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <functional>
 
 #include "connections/ProgressReport.h"
 #include "connections/UserNames.h"
 #include "protocol/TransferTexts.h"
 #include "support/BaseString.h"
 #include "support/CheckSum.h"
+#include "support/FileCheckSum.h"
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -18,7 +20,7 @@
 
 namespace
 {
-constexpr std::size_t BlockSize = 16384; // the first block's check sum crosses the wire: not to be changed
+constexpr long HeadSize = 16384; // its check sum crosses the wire: not to be changed
 
 constexpr mode_t NewFileMode = 0666; // less the umask
 
@@ -195,25 +197,33 @@ TransferConnection::SumResult TransferConnection::SumUp(const long long& size, c
 {
     CheckSum sum;
     UpdatePace pace;
-    char block[BlockSize];
-    for (long long done = 0; done < size;) {
-        const std::size_t length =
-            std::min<unsigned long long>(BlockSize, static_cast<unsigned long long>(size - done));
-        const long count = file_.Read(block, length);
-        if (count != static_cast<long>(length)) {
-            errno = count < 0 ? errno : EIO; // cut since it was measured
-            return SumResult::NotRead;
-        }
-        sum.Update(block, static_cast<unsigned>(length));
-        const bool isFirst = done == 0;
-        done += count;
+    const auto publish = [&](long long done) {
         if (GetStatusBoard() != nullptr && (pace.IsDue() || done == size))
             GetStatusBoard()->Write(protocol::IntegrityProgress(done, size));
-        if (!isFirst)
-            continue;
+    };
+    char first[HeadSize];
+    const long headSize = static_cast<long>(std::clamp<long long>(size, 0, HeadSize));
+    const long count = file_.Read(first, static_cast<std::size_t>(headSize));
+    if (count != headSize) {
+        errno = count < 0 ? errno : EIO; // cut since it was measured
+        return SumResult::NotRead;
+    }
+    if (headSize > 0) {
+        sum.Update(first, static_cast<unsigned>(headSize));
+        publish(headSize);
         head = sum.GetValue();
         if (expectedHead != nullptr && head != *expectedHead)
             return SumResult::HeadDiffers;
+    }
+    const auto publishRest = [&](long long done) { publish(headSize + done); };
+    if (const int error = SumUpRange(file_.Number(), headSize, size, sum, std::cref(publishRest))) {
+        errno = error;
+        return SumResult::NotRead;
+    }
+    if (size > headSize) {
+        publish(size);
+        if (file_.MoveTo(size) != 0)
+            return SumResult::NotRead;
     }
     body = sum.GetValue();
     return SumResult::Done;

@@ -100,8 +100,8 @@ private:
     int OpenRemoteFile(int flags);
     enum class SumResult { Done, HeadDiffers, NotRead };
     /**
-     * Sums up the first `size` bytes of the open file: the check sum of the first block goes to `head` (left
-     * alone when there is none), that of all to `body`. Stops behind a first block that `expectedHead` (null:
+     * Sums up the first `size` bytes of the open file: the check sum of its head goes to `head` (left
+     * alone when there is none), that of all to `body`. Stops behind a head that `expectedHead` (null:
      * anything) is not the sum of. NotRead comes with errno.
      */
     SumResult SumUp(const long long& size, const unsigned* expectedHead, unsigned& head, unsigned& body);

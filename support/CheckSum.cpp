@@ -46,6 +46,34 @@ constexpr Slices MakeSlices()
 
 constexpr Slices Table = MakeSlices();
 
+/** The product of two values modulo the polynomial. */
+constexpr uint32_t Multiply(uint32_t left, uint32_t right)
+{
+    uint32_t product = 0;
+    for (uint32_t power = 0x80000000U; power != 0; power >>= 1) {
+        if ((left & power) != 0)
+            product ^= right;
+        right = MultiplyByX(right);
+    }
+    return product;
+}
+
+using Doublings = std::array<uint32_t, 64>;
+
+/** Entry n is what a value is multiplied by when 2 to the n more bytes follow it. */
+constexpr Doublings MakeDoublings()
+{
+    Doublings doublings{};
+    uint32_t power = 0x00800000U; // x to the eighth
+    for (uint32_t& entry : doublings) {
+        entry = power;
+        power = Multiply(power, power);
+    }
+    return doublings;
+}
+
+constexpr Doublings Following = MakeDoublings();
+
 uint32_t LoadLittleEndian(const unsigned char* data)
 {
     uint32_t word;
@@ -153,6 +181,15 @@ unsigned int CheckSumKernels::FoldCarryless(unsigned int state, const unsigned c
 }
 
 #endif
+
+void CheckSum::Append(const CheckSum& following, unsigned long long length)
+{
+    uint32_t value = GetValue();
+    for (size_t bit = 0; length != 0; ++bit, length >>= 1)
+        if ((length & 1U) != 0)
+            value = Multiply(value, Following[bit]);
+    state_ = ~(value ^ following.GetValue());
+}
 
 void CheckSum::Update(const void* data, unsigned int length)
 {

@@ -9,6 +9,11 @@ class CheckSum
 public:
     /** Folds `length` bytes in. May be called any number of times; only the order of the bytes matters. */
     void Update(const void* data, unsigned int length);
+    /**
+     * Folds in what follows, `length` bytes whose own check sum is `following`: what several have summed up
+     * piece by piece becomes one. Its cost does not grow with the length.
+     */
+    void Append(const CheckSum& following, unsigned long long length);
     /** The check sum of all bytes folded in so far; goes on from there. */
     unsigned int GetValue() const { return ~state_; }
 

@@ -15,7 +15,7 @@ using faults::Place;
 
 namespace
 {
-constexpr size_t Size = 40000; // of a log or a file: some blocks
+constexpr size_t Size = 600'000; // of a log or a file: more than a block
 constexpr Place Places[] = {Place::Daemon, Place::Child};
 
 /** The long form can be had of one kind alone. */

@@ -71,6 +71,8 @@ inline constexpr Kind Kinds[] = {
     {"pipe2", {EMFILE, ENFILE, ENOMEM}},
     {"poll", {ENOMEM, EINTR, EINVAL}},
     {"prctl", {EINVAL, EPERM, ENOSYS}},
+    {"pread64", {EIO, EINTR, EISDIR}},
+    {"pthread_create", {EAGAIN, EPERM, ENOMEM}},
     {"putenv", {ENOMEM, EINVAL, ENOMEM}},
     {"read", {EIO, EINTR, EISDIR}},
     {"readlink", {EACCES, ENOMEM, EIO}},

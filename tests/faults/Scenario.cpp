@@ -1,5 +1,6 @@
 #include "tests/faults/Scenario.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
@@ -237,7 +238,7 @@ TransferOrder Scenario::Order(const std::string& keyword) const
 
 void Scenario::LeadTransfers()
 {
-    const std::string content = MakeContent(size_), part = content.substr(0, size_ / 2);
+    const std::string content = MakeContent(size_);
     const std::string done = Transferred(0) + Right;
     Lead(
         "PUT", [&] { return Put(Order("TRANSFERPUT"), content); }, done);
@@ -247,14 +248,17 @@ void Scenario::LeadTransfers()
     order.passive = true;
     Lead(
         "passive GET", [&] { return Get(order, content); }, done);
+    // What is there already is enough to be summed up by threads.
+    const std::string large = MakeContent(std::max<size_t>(size_, 2'400'000));
+    const std::string part = large.substr(0, large.size() / 10 * 9);
+    Lead(
+        "update PUT", [&] { return ContinuePut(part, large); }, done);
     order = Order("TRANSFERUPDATEGET");
     order.partialCopy = part;
     const std::string skipped = "->Update mode activated, skipping first " + std::to_string(part.size()) +
-                                "/" + std::to_string(size_) + " byte(s)\n";
+                                "/" + std::to_string(large.size()) + " byte(s)\n";
     Lead(
-        "update GET", [&] { return Get(order, content); }, Transferred(0, skipped) + Right);
-    Lead(
-        "update PUT", [&] { return ContinuePut(part, content); }, done);
+        "update GET", [&] { return Get(order, large); }, Transferred(0, skipped) + Right);
 }
 
 /** What a transfer was answered, from the banner to the end. */
