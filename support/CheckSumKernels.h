@@ -14,4 +14,8 @@ unsigned int FoldPortable(unsigned int state, const unsigned char* data, size_t 
 bool HasCarryless();
 /** 64 bytes a step through the processor's carry-less multiplication. */
 unsigned int FoldCarryless(unsigned int state, const unsigned char* data, size_t length);
+/** True when it also makes four such products of 128 bits at a time, so that FoldWide may be called. */
+bool HasWide();
+/** 256 bytes a step through those. */
+unsigned int FoldWide(unsigned int state, const unsigned char* data, size_t length);
 } // namespace CheckSumKernels

@@ -55,8 +55,8 @@ TEST(CheckSum, KnownValues)
 TEST(CheckSum, KernelsAgreeWithTheDefinition)
 {
     std::mt19937 random(20261122);
-    for (size_t i = 0; i < 500; ++i) {
-        size_t length = i < 300 ? i : random() % 20000;
+    for (size_t i = 0; i < 800; ++i) {
+        size_t length = i < 600 ? i : random() % 20000;
         size_t offset = random() % 64;
         std::vector<unsigned char> buffer(offset + length);
         std::generate(buffer.begin(), buffer.end(), std::ref(random));
@@ -66,6 +66,9 @@ TEST(CheckSum, KernelsAgreeWithTheDefinition)
         ASSERT_EQ(CheckSumKernels::FoldPortable(state, data, length), expected) << length;
         if (CheckSumKernels::HasCarryless()) {
             ASSERT_EQ(CheckSumKernels::FoldCarryless(state, data, length), expected) << length;
+        }
+        if (CheckSumKernels::HasWide()) {
+            ASSERT_EQ(CheckSumKernels::FoldWide(state, data, length), expected) << length;
         }
     }
 }
