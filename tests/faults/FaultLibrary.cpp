@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
@@ -161,11 +162,11 @@ __attribute__((constructor)) void MapPlan()
             return Refuse() + 1;                                                                             \
         RUVEL_PASS_ON(NAME);                                                                                 \
     }
-/** A call on a System V object, of which removing one cannot fail; the argument with the command is given. */
-#define RUVEL_CONTROL(NAME, COMMAND)                                                                         \
+/** A call of which one command, to remove, cannot fail; the argument with the command is given. */
+#define RUVEL_CONTROL(NAME, COMMAND, REMOVAL)                                                                \
     RUVEL_DEFINE(NAME)                                                                                       \
     {                                                                                                        \
-        if (static_cast<int>(COMMAND) != IPC_RMID && Fails(IndexOf(#NAME)))                                  \
+        if (static_cast<int>(COMMAND) != (REMOVAL) && Fails(IndexOf(#NAME)))                                 \
             return Refuse();                                                                                 \
         RUVEL_PASS_ON(NAME);                                                                                 \
     }
@@ -177,7 +178,6 @@ RUVEL_CALL(close_range)
 RUVEL_CALL(connect)
 RUVEL_CALL(dup2)
 RUVEL_CALL(epoll_create1)
-RUVEL_CALL(epoll_ctl)
 RUVEL_CALL(execve)
 RUVEL_CALL(faccessat)
 RUVEL_CALL(fchown)
@@ -244,8 +244,9 @@ RUVEL_CALL_WITH_CODE(pthread_create)
 RUVEL_CALL_FOR_POINTER(opendir)
 RUVEL_CALL_FOR_POINTER(setmntent)
 
-RUVEL_CONTROL(semctl, c)
-RUVEL_CONTROL(shmctl, b)
+RUVEL_CONTROL(epoll_ctl, b, EPOLL_CTL_DEL)
+RUVEL_CONTROL(semctl, c, IPC_RMID)
+RUVEL_CONTROL(shmctl, b, IPC_RMID)
 
 /** Of the calls without a name of their own, a signal to a process that is there does not fail. */
 RUVEL_DEFINE(syscall)
