@@ -11,6 +11,7 @@
 #include "tests/system/DaemonUnderTest.h"
 #include "tests/system/SystemFacts.h"
 
+using testing::EndsWith;
 using testing::MatchesRegex;
 
 namespace
@@ -53,6 +54,8 @@ TEST(Launch, EveryFormGivesBannerOutputAndReturnLine)
          }) {
         EXPECT_EQ(Ask(daemon, request), Finished("out\nerr\n", 3)) << request;
     }
+    // A command of that name, not a request to kill: the older form is tried first.
+    EXPECT_THAT(Ask(daemon, As("CODE", "KILL|TRUE")), EndsWith("KILL: not found\n" + ReturnLine(127)));
 }
 
 TEST(Launch, TheInteractiveFormsRunKornShellOnTheSocket)

@@ -88,6 +88,8 @@ TEST(Run, AnyWordsArriveAsTheyWere)
         ASSERT_EQ(result.code, 0);
         ASSERT_EQ(result.output, expected);
     }
+    // No assignment, though it stands first.
+    EXPECT_EQ(Control(daemon.Port(), {"run", "--", "A=1", "true"}).code, 127);
 }
 
 TEST(Run, InputAndOutputAreBinary)
