@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <list>
 
@@ -59,11 +60,16 @@ TEST(Kill, WhatIsNobodysOrNotTheUsersIsRefused)
         for (const std::string number :
              {"abc", "", "0x0", " 0", "0 ", "1", "2", "-1", "99999999999999999999"})
             EXPECT_EQ(Ask(daemon, Kill(word, number)), BannerLine + badNumber + number + ") : bad number\n");
-        EXPECT_EQ(Ask(daemon, Kill(word, "+0", "somebody")),
-                  BannerLine + std::string("->Error unable to kill command N(+0) : not owner\n"));
+        for (const std::string& user : {std::string("somebody"), OwnUser() + "2", OwnUser() + "\\",
+                                        "X\\Y\\" + OwnUser(), std::string()})
+            EXPECT_EQ(Ask(daemon, Kill(word, "+0", user)),
+                      BannerLine + std::string("->Error unable to kill command N(+0) : not owner\n"))
+                << user;
     }
     EXPECT_THAT(Ask(daemon, Keyword("INFO")), HasSubstr("->Found 1 active command(s)\n"));
-    EXPECT_EQ(Ask(daemon, Kill("KILL", "0", "DOM\\" + OwnUser())), ToKiller(Killed(0, "killed", "143")));
+    std::string user = "DOM\\" + OwnUser();
+    std::transform(user.begin(), user.end(), user.begin(), toupper);
+    EXPECT_EQ(Ask(daemon, Kill("KILL", "0", user)), ToKiller(Killed(0, "killed", "143")));
     EXPECT_EQ(attached.ReadToEnd(), Killed(0, "killed", "143"));
     EXPECT_TRUE(slow.ReadToEnd().ends_with(ReturnLine(0)));
 }

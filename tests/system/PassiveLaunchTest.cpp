@@ -92,12 +92,30 @@ TEST(PassiveLaunch, FiftyLogsReachOneCollectorAtOnce)
     EXPECT_TRUE(expected.empty());
 }
 
-TEST(PassiveLaunch, ARefusedOneIsAnsweredAsAnyLaunch)
+/** The data port is not to be had: another one does. */
+TEST(PassiveLaunch, ATakenDataPortKeepsNoLogBack)
+{
+    DaemonUnderTest daemon;
+    const BusyPort busy(daemon.Port() - 1);
+    ASSERT_TRUE(busy.IsHeld());
+    Collector collector(daemon.Conversation());
+    const std::string identifier = LaunchToCollector(daemon, PassiveLaunch("echo out", collector.Port()));
+    Client log = collector.Accept();
+    EXPECT_NE(log.PeerPort(), daemon.Port() - 1);
+    EXPECT_EQ(log.ReadToEnd(), identifier + Finished("out\n", 0));
+}
+
+TEST(PassiveLaunch, ACollectorThatSendsLosesNothingAndOneThatResetsIsNotTriedAgain)
 {
     DaemonUnderTest daemon;
     Collector collector(daemon.Conversation());
-    std::string request = PassiveLaunch("true", collector.Port());
-    request.replace(request.find(OwnUser()), OwnUser().size(), "somebody");
-    EXPECT_EQ(Ask(daemon, request), BannerLine + std::string("->Error not owner : ") + OwnUser() +
-                                        " : somebody\n->ProcessReturnCode = NoThing\n");
+    const std::string request = PassiveLaunch("seq 1 500000", collector.Port());
+    std::string identifier = LaunchToCollector(daemon, request);
+    Client sending = collector.Accept();
+    sending.Send(std::string(5000, 'x'));
+    EXPECT_TRUE(sending.ReadToEnd().ends_with("\n500000\n" + ReturnLine(0)));
+    identifier = LaunchToCollector(daemon, request);
+    collector.Accept().Reset();
+    EXPECT_TRUE(WaitUntil([&] { return AskForState(daemon, identifier) == "NOTFOUND"; }));
+    EXPECT_FALSE(collector.HasArrived());
 }

@@ -1,7 +1,7 @@
 #include <climits>
 #include <string>
 
-#include "connections/BaseConnection.h"
+#include "connections/Connection.h"
 #include "connections/SendQueue.h"
 #include "tests/unit/Loopback.h"
 
@@ -31,33 +31,6 @@ TEST(Connection, ExpiresOneSecondPastItsTimeOut)
         connection.SetLifeTimeOut(one.timeOut);
         EXPECT_EQ(connection.IsEndOfLife(one.now), one.isExpired) << one.begin << '+' << one.timeOut;
         EXPECT_EQ(connection.GetEndOfLife(), one.endOfLife) << one.begin << '+' << one.timeOut;
-    }
-}
-
-TEST(Connection, TellsABeginThatIsNoDate)
-{
-    Connection connection;
-    connection.SetBeginLifeTime(LONG_MAX);
-    EXPECT_EQ(connection.GetBeginDate().View(), "ErrorDate");
-}
-
-TEST(BaseConnection, ComparesUsersWithoutDomainAndCase)
-{
-    const struct {
-        const char *stored, *given;
-        int isSame;
-    } Cases[] = {
-        {"DOM\\Alice", "alice", 1},
-        {"alice", "other\\ALICE", 1},
-        {"alice", "X\\Y\\alice", 0},
-        {"joe", "joe2", 0},
-        {"joe", "", 0},
-        {"joe", "joe\\", 0},
-    };
-    for (const auto& one : Cases) {
-        BaseConnection connection(nullptr);
-        connection.SetAttributes("NOSOCKET", one.stored, 1, "", 0, 1, "", 0);
-        EXPECT_EQ(connection.IsSameUser(one.given), one.isSame) << one.stored << " and " << one.given;
     }
 }
 

@@ -2,6 +2,7 @@
 #include <functional>
 #include <string>
 
+#include "connections/LogConnection.h"
 #include "connections/ReportConnection.h"
 #include "connections/ThreadOrProcessConnection.h"
 #include "connections/WorkerStatus.h"
@@ -10,7 +11,6 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,24 +21,10 @@ class TestWorker : public ThreadOrProcessConnection
 public:
     explicit TestWorker(std::function<int()> routine) : routine_(std::move(routine)) {}
     int ThreadOrProcessRoutine() override { return routine_(); }
-    int RunNothing()
-    {
-        ChildId worker;
-        int status = -1;
-        EXPECT_EQ(_InitThreadOrProcess(worker, nullptr, nullptr), 0);
-        EXPECT_EQ(_WaitThreadOrProcess(worker, status, 20), 1);
-        return status;
-    }
 
 private:
     std::function<int()> routine_;
 };
-
-int WaitForever()
-{
-    for (;;)
-        pause();
-}
 
 /** What a check says at last. */
 int CheckUntilEnd(ThreadOrProcessConnection& worker)
@@ -55,18 +41,6 @@ int CheckUntilEnd(ThreadOrProcessConnection& worker)
     }
     return status;
 }
-
-class Worker : public testing::Test
-{
-protected:
-    Worker()
-    {
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-    }
-    QORListPtrBaseSocket noSockets_{0};
-    int status_ = -1;
-};
 
 TEST(WorkerStatus, TellsHowAWorkerEnded)
 {
@@ -86,57 +60,32 @@ TEST(WorkerStatus, TellsHowAWorkerEnded)
     }
 }
 
-TEST_F(Worker, SaysThatItHadNothingToRun)
+TEST(Worker, IsStartedOnceAndWaitedFor)
 {
-    EXPECT_EQ(TestWorker(nullptr).RunNothing(), 111);
+    TestWorker worker([] { return pause(); });
+    QORListPtrBaseSocket noSockets(0);
+    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
+    const long processId = worker.GetWorkerProcessId();
+    EXPECT_EQ(worker.StartThreadOrProcess(noSockets), 0);
+    EXPECT_EQ(worker.GetWorkerProcessId(), processId);
+    int status = -1;
+    EXPECT_EQ(worker.WaitThreadOrProcess(status, 0), 0);
+    EXPECT_EQ(worker.TerminateThreadOrProcess(1), 0);
+    EXPECT_EQ(worker.WaitThreadOrProcess(status, 20), 1);
+    EXPECT_EQ(status, 999);
 }
 
-TEST_F(Worker, IsStartedOnceAndReportsItsSignal)
-{
-    const struct {
-        int signal, afterCheck, afterWait;
-    } Cases[] = {{SIGKILL, 999, 999}, {SIGQUIT, 666, 333}, {SIGUSR1, 333, 333}};
-    for (const auto& one : Cases) {
-        TestWorker worker(WaitForever);
-        for (const bool isChecked : {true, false}) {
-            ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-            const long processId = worker.GetWorkerProcessId();
-            EXPECT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-            EXPECT_EQ(worker.GetWorkerProcessId(), processId);
-            EXPECT_EQ(worker.CheckThreadOrProcess(status_), 0);
-            EXPECT_EQ(worker.WaitThreadOrProcess(status_, 0), 0);
-            kill(static_cast<pid_t>(processId), one.signal);
-            if (isChecked) {
-                EXPECT_EQ(CheckUntilEnd(worker), one.afterCheck);
-                continue;
-            }
-            EXPECT_EQ(worker.WaitThreadOrProcess(status_, 20), 1);
-            EXPECT_EQ(status_, one.afterWait);
-        }
-    }
-}
-
-TEST_F(Worker, IsForgottenByAReset)
-{
-    TestWorker worker(WaitForever);
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
-    const auto processId = static_cast<pid_t>(worker.GetWorkerProcessId());
-    worker.ResetThreadOrProcess();
-    EXPECT_EQ(worker.CheckThreadOrProcess(status_), 1);
-    EXPECT_EQ(status_, 0);
-    EXPECT_EQ(kill(processId, SIGKILL), 0);
-    EXPECT_EQ(waitpid(processId, nullptr, 0), processId);
-}
-
-TEST_F(Worker, CountsAsGoneWhenItsStatusWasTakenAway)
+TEST(Worker, CountsAsGoneWhenItsStatusWasTakenAway)
 {
     TestWorker worker([] { return 0; });
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets_), 0);
+    QORListPtrBaseSocket noSockets(0);
+    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
     ChildTable::Clear();
-    EXPECT_EQ(worker.CheckThreadOrProcess(status_), 1);
-    EXPECT_EQ(status_, 777);
-    EXPECT_EQ(worker.CheckThreadOrProcess(status_), 1);
-    EXPECT_EQ(status_, 0);
+    int status = -1;
+    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
+    EXPECT_EQ(status, 777);
+    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
+    EXPECT_EQ(status, 0);
     EXPECT_GT(waitpid(-1, nullptr, 0), 0);
 }
 
@@ -152,7 +101,7 @@ int FindStrayDescriptor(int kept)
     return 0;
 }
 
-TEST_F(Worker, HoldsOnlyItsOwnClient)
+TEST(Worker, HoldsOnlyItsOwnClient)
 {
     loopback::Pair own;
     loopback::Pair others;
@@ -187,15 +136,38 @@ TEST_F(Worker, HoldsOnlyItsOwnClient)
         EXPECT_EQ(text.View(), "still open");
     }
 }
-} // namespace
-
-TEST_F(Worker, OfAReportEndsWhenNobodyTakesIt)
+TEST(Worker, OfAReportEndsWhenNobodyTakesIt)
 {
     loopback::Pair pair;
     // More than the buffers between the two can hold.
     ReportConnection report(QORUnicodeString(std::string(50'000'000, 'x')), 1);
     report.GetSocket() = pair.server;
     pair.server.Reset();
-    ASSERT_EQ(report.StartThreadOrProcess(noSockets_), 0);
+    QORListPtrBaseSocket noSockets(0);
+    ASSERT_EQ(report.StartThreadOrProcess(noSockets), 0);
     EXPECT_EQ(CheckUntilEnd(report), WorkerStatus::Signalled);
 }
+
+TEST(Worker, OfALogTellsThatTheSizeCannotBeHad)
+{
+    loopback::Pair pair;
+    BaseConnection command(nullptr);
+    command.SetAttributes("NOSOCKET", "joe", 1000, "true", 5, 9, "127.0.0.1", 5678);
+    command.GetProcess().SetOutputAndErrorFileName("/proc/self/mem"); // a file of ours that has no end
+    LogConnection log(command, 42);
+    QORUnicodeString attributes;
+    QORUnicodeString line;
+    command.GetAttributes("->", attributes);
+    log.GetAttributes("->", line);
+    EXPECT_EQ(line.View(), std::string(attributes.View()) + ", RC(42)");
+    log.GetSocket() = pair.server;
+    pair.server.Reset();
+    QORListPtrBaseSocket noSockets(0);
+    ASSERT_EQ(log.StartThreadOrProcess(noSockets), 0);
+    log.GetSocket().CloseBaseSocket();
+    EXPECT_EQ(loopback::ReadToEnd(pair.client), "->RuvelServer V1.8.3 January 27, 2005 (Unix)\n"
+                                                "->Error unable to get log command file stat\n"
+                                                "->ProcessReturnCode = 42\n");
+    EXPECT_EQ(CheckUntilEnd(log), 0);
+}
+} // namespace
