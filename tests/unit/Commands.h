@@ -102,8 +102,6 @@ protected:
         return code;
     }
 
-    std::string Log() const { return ReadFile(Path("log")); }
-
     /** Waits until this many lines, each a process id, stand in the file "ids". */
     std::vector<pid_t> WaitForIds(std::size_t count) const
     {

@@ -2,22 +2,9 @@
 
 #include <grp.h>
 #include <linux/capability.h>
-#include <sys/select.h>
 #include <sys/syscall.h>
 
 #include "tests/unit/Commands.h"
-
-namespace
-{
-int pauses = 0;
-}
-
-/** In the C library's place: here and in the libraries, the password service waits by nothing else. */
-extern "C" int select(int, fd_set*, fd_set*, fd_set*, timeval*)
-{
-    ++pauses;
-    return 0;
-}
 
 namespace
 {
@@ -64,50 +51,6 @@ void InAChild(const std::function<void()>& body)
     EXPECT_EQ(status, 0) << "see the expectations that failed above";
 }
 
-TEST(Identity, NamesOfTheOwnUser)
-{
-    const std::string own = Accounts::Own().name;
-    const struct {
-        std::string user;
-        bool same;
-    } cases[] = {{own, true},
-                 {"DOM\\" + own, true},
-                 {"\\" + own, true},
-                 {"DOM\\X\\" + own, false}, // only the first backslash counts
-                 {own + "\\", false},
-                 {own + "x", false},
-                 {own.substr(1), false},
-                 {own + std::string(1, '\0'), false},
-                 {"", false},
-                 {"DOM\\", false}};
-    for (const auto& [user, same] : cases) {
-        QORUnicodeString current("kept?");
-        EXPECT_EQ(BaseProcess::IsSameUser(user, current) != 0, same) << user;
-        EXPECT_EQ(current, QORUnicodeString(own));
-    }
-}
-
-TEST(Identity, EveryRefusalOfAPasswordReadsTheSame)
-{
-    const std::string own = Accounts::Own().name;
-    const std::string cases[][2] = {{"no-such-user-here", "x"},
-                                    {own, ""},
-                                    {own, std::string("\0x", 2)},
-                                    {own, std::string(100000, 'x')},
-                                    {own, "certainly not the password of this account"},
-                                    {own + "\n", "x"},
-                                    {own + std::string(1, '\0'), "x"},
-                                    {"", ""},
-                                    {std::string(100000, 'u'), "x"},
-                                    {"daemon", ""}}; // locked everywhere
-    for (const auto& [user, password] : cases) {
-        BaseProcess process;
-        EXPECT_NE(process.VerifyUser(user, password), 0) << user;
-        EXPECT_EQ(process.BaseProcessGetLastError(), QORUnicodeString(BaseProcess::UserRefusedReason));
-    }
-    EXPECT_EQ(pauses, 0) << "the service's own delay is on";
-}
-
 TEST(Identity, ARefusedImpersonationChangesNothing)
 {
     const std::vector<gid_t> before = Identity();
@@ -116,6 +59,7 @@ TEST(Identity, ARefusedImpersonationChangesNothing)
     Saved untouched;
     EXPECT_NE(Impersonate(process, "no-such-user-here", untouched), 0);
     EXPECT_NE(Impersonate(process, other, untouched, 0), 0) << "a wrong password was taken";
+    EXPECT_EQ(process.BaseProcessGetLastError(), QORUnicodeString(BaseProcess::UserRefusedReason));
     if (geteuid() != 0) {
         EXPECT_NE(Impersonate(process, other, untouched), 0);
     }

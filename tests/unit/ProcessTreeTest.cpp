@@ -81,62 +81,6 @@ TEST_F(ProcessTreeTest, AForcedEndReachesWhoeverHasLeft)
     EXPECT_TRUE(IsNobodyLeft()) << "somebody who did not bear witness is left";
 }
 
-TEST_F(ProcessTreeTest, OthersAreLeftAlone)
-{
-    BaseProcess bystander;
-    StartTree(bystander, "(@ &); (setsid @ &); @ & wait");
-    const std::vector<pid_t> bystanders = WaitForIds(3);
-    BaseProcess process;
-    StartTree(process, "(@ &); (setsid @ &); @ & wait");
-    const std::vector<pid_t> all = WaitForIds(6);
-    process.KillBaseProcessTree(1);
-    WaitForEnd(process);
-    ProcessTree tree = process.TakeProcessTree();
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-    EXPECT_EQ(CountOf(all), 3U);
-    EXPECT_EQ(CountOf(bystanders), 3U);
-    for (const pid_t id : bystanders) {
-        ProcessStatus status;
-        EXPECT_TRUE(ProcessFiles::ReadStatus(id, status));
-        EXPECT_NE(status.state, 'T') << "stopped and not continued";
-    }
-    int code = 0;
-    EXPECT_EQ(bystander.CheckForProcess(code), 0);
-}
-
-TEST_F(ProcessTreeTest, WhoIgnoresTheRequestIsReachedAfterTheCommandHasEnded)
-{
-    BaseProcess process;
-    StartTree(
-        process,
-        "@ & (setsid sh -c 'trap \"\" TERM; exec @' &); sh -c 'trap \"\" TERM; exec @' & exec sleep 1000");
-    const std::vector<pid_t> ids = WaitForIds(3);
-    EXPECT_EQ(process.KillBaseProcessTree(0), 0);
-    EXPECT_EQ(WaitForEnd(process), 128 + SIGTERM);
-    ProcessTree tree = process.TakeProcessTree();
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 2; }));
-    EXPECT_EQ(CountOf(ids), 2U);
-    EXPECT_EQ(process.KillBaseProcessTree(1), 0); // what has been handed over is not its any more
-    EXPECT_EQ(tree.CountAlive(), 2);
-
-    tree.Signal(SIGKILL);
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-    EXPECT_EQ(CountOf(ids), 0U);
-}
-
-TEST_F(ProcessTreeTest, AStoppedTreeHearsTheRequest)
-{
-    BaseProcess process;
-    StartTree(process, "sh -c '%; kill -STOP $$' & %; kill -STOP $$");
-    const std::vector<pid_t> ids = WaitForIds(2);
-    EXPECT_TRUE(WaitUntil([&] {
-        return std::all_of(ids.begin(), ids.end(), [](pid_t id) { return ProcessFiles::IsStill(id); });
-    }));
-    process.KillBaseProcessTree(0);
-    EXPECT_EQ(WaitForEnd(process), 128 + SIGTERM);
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; }));
-}
-
 TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
 {
     BaseProcess process;
