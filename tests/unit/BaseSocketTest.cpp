@@ -1,47 +1,18 @@
-#include "support/BaseSocket.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <memory>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
+#include "tests/unit/Loopback.h"
+
 #include <sched.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 namespace
 {
-/** A listening socket on a port that the system chose. */
-struct Listener {
-    explicit Listener(int backlog = 5) { EXPECT_EQ(socket.OpenServerSocket(port, backlog), 0); }
-    BaseSocket socket;
-    int port = 0;
-};
-
-/** Both ends of one connection over loopback. */
-struct Pair {
-    Pair()
-    {
-        sockaddr_in from{};
-        EXPECT_EQ(client.OpenConnectionToServerNonBlocking("127.0.0.1", listener.port, 5, nullptr), 0);
-        EXPECT_EQ(listener.socket.AcceptConnectionFromClientWithTimeOut(server, from, 5, 0),
-                  BaseSocket::Accepted);
-    }
-    Listener listener;
-    BaseSocket client;
-    BaseSocket server;
-};
-
 std::string ErrorOf(const BaseSocket& socket)
 {
     return std::string(socket.BaseSocketGetLastError().View());
@@ -50,15 +21,6 @@ std::string ErrorOf(const BaseSocket& socket)
 std::string Failure(const char* operation, int error)
 {
     return std::string("Error in ") + operation + "() : " + strerror(error);
-}
-
-sockaddr_in Loopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    return address;
 }
 
 /** Interrupts whatever waits, again and again, for as long as it lives. */
@@ -90,30 +52,10 @@ private:
 };
 } // namespace
 
-TEST(BaseSocketTest, ListensWhereItCanAndStaysUsableAfterRefusal)
-{
-    Listener first;
-    ASSERT_GT(first.port, 0);
-    BaseSocket second;
-    int taken = first.port;
-    EXPECT_NE(second.OpenServerSocket(taken, 5), 0);
-    EXPECT_NE(ErrorOf(second).find(strerror(EADDRINUSE)), std::string::npos);
-    for (int port : {70000, -1}) {
-        EXPECT_NE(second.OpenServerSocket(port, 5), 0);
-        EXPECT_EQ(ErrorOf(second), "Error in bind() : Port out of range");
-        EXPECT_FALSE(second.GetBaseSocketStatus());
-    }
-    int chosen = 0;
-    EXPECT_EQ(second.OpenServerSocket(chosen, 5), 0);
-    sockaddr_in name{};
-    EXPECT_EQ(second.GetSocketName(name), 0);
-    EXPECT_EQ(ntohs(name.sin_port), chosen);
-}
-
 TEST(BaseSocketTest, ExactlyOneObjectClosesASharedDescriptor)
 {
-    Pair pair;
-    Pair other;
+    loopback::Pair pair;
+    loopback::Pair other;
     {
         BaseSocket source;
         source = pair.server;
@@ -131,41 +73,11 @@ TEST(BaseSocketTest, ExactlyOneObjectClosesASharedDescriptor)
     EXPECT_EQ(ErrorOf(other.client), "Error in recv() : Connection closed by peer");
 }
 
-TEST(BaseSocketTest, EveryDescriptorIsPrivateAndClientsStayBlocking)
-{
-    Pair pair;
-    BaseSocket bound;
-    ASSERT_EQ(bound.Bind(Loopback(0)), 0);
-    for (const BaseSocket* socket : {&pair.listener.socket, &pair.client, &pair.server, &bound})
-        EXPECT_EQ(fcntl(socket->GetBaseSocketNumber(), F_GETFD), FD_CLOEXEC);
-    for (const BaseSocket* socket : {&pair.client, &pair.server}) {
-        int noDelay = 0;
-        socklen_t length = sizeof(noDelay);
-        getsockopt(socket->GetBaseSocketNumber(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
-        EXPECT_NE(noDelay, 0);
-        EXPECT_EQ(fcntl(socket->GetBaseSocketNumber(), F_GETFL) & O_NONBLOCK, 0);
-    }
-}
-
-TEST(BaseSocketTest, WritingToAPeerThatHasGoneFailsWithoutASignal)
-{
-    Pair pair;
-    ASSERT_EQ(pair.server.WriteToBaseSocket("unread, so that closing resets the connection"), 0);
-    pair.client.CloseBaseSocket();
-    int writes = 0;
-    while (pair.server.WriteToBaseSocket("more") == 0 && writes < 100000)
-        ++writes;
-    EXPECT_LT(writes, 100000);
-    EXPECT_EQ(pair.server.WriteBinaryFileToBaseSocket("more", 4), -1);
-    EXPECT_EQ(ErrorOf(pair.server), Failure("send", EPIPE));
-    EXPECT_EQ(pair.server.SendAvailable("more"), BaseSocket::Broken);
-    EXPECT_EQ(pair.server.WriteToBaseSocket(""), 0);
-}
-
 // An interruption must neither end a wait nor start it anew: the latter would never end here.
 TEST(BaseSocketTest, EveryWaitEndsInTimeThroughInterruptions)
 {
-    Pair pair;
+    loopback::Listener listener;
+    loopback::Pair pair;
     Interruptions interruptions;
     QORUnicodeString text("old");
     EXPECT_NE(pair.client.ReadFromBaseSocketNonBlocking(text, 1), 0);
@@ -179,14 +91,16 @@ TEST(BaseSocketTest, EveryWaitEndsInTimeThroughInterruptions)
     BaseSocket client;
     sockaddr_in from{};
     for (int seconds : {0, 1})
-        EXPECT_EQ(pair.listener.socket.AcceptConnectionFromClientWithTimeOut(client, from, seconds, 0),
+        EXPECT_EQ(listener.socket.AcceptConnectionFromClientWithTimeOut(client, from, seconds, 0),
                   BaseSocket::AcceptTimeOut);
 
     // Nobody accepts here, so once the queue is full the next connection is left hanging.
-    Listener full(0);
+    int port = 0;
+    BaseSocket full;
+    ASSERT_EQ(full.OpenServerSocket(port, 0), 0);
     std::array<BaseSocket, 8> clients;
     const auto refused = std::find_if(clients.begin(), clients.end(), [&](BaseSocket& one) {
-        return one.OpenConnectionToServerNonBlocking("127.0.0.1", full.port, 1, nullptr) != 0;
+        return one.OpenConnectionToServerNonBlocking("127.0.0.1", port, 1, nullptr) != 0;
     });
     ASSERT_NE(refused, clients.end());
     EXPECT_EQ(ErrorOf(*refused), Failure("connect", ETIMEDOUT));
@@ -195,12 +109,12 @@ TEST(BaseSocketTest, EveryWaitEndsInTimeThroughInterruptions)
 
 TEST(BaseSocketTest, TellsALocalAddressThatCannotBeHadFromOtherFailures)
 {
-    Pair pair;
+    loopback::Listener listener;
     // Bound with address reuse itself, so that only the second connection, not its binding, is refused.
-    const sockaddr_in anyPort = Loopback(0);
+    const sockaddr_in anyPort = loopback::Address(0);
     BaseSocket first;
     sockaddr_in taken{};
-    ASSERT_EQ(first.OpenConnectionToServerNonBlocking("127.0.0.1", pair.listener.port, 5, &anyPort), 0);
+    ASSERT_EQ(first.OpenConnectionToServerNonBlocking("127.0.0.1", listener.port, 5, &anyPort), 0);
     ASSERT_EQ(first.GetSocketName(taken), 0);
     BaseSocket unused;
     ASSERT_EQ(unused.Bind(anyPort), 0);
@@ -215,8 +129,8 @@ TEST(BaseSocketTest, TellsALocalAddressThatCannotBeHadFromOtherFailures)
         int port;
         bool unavailable;
     } cases[] = {
-        {"a port that is listened on", Loopback(pair.listener.port), pair.listener.port, true},
-        {"a second connection from one port to another", taken, pair.listener.port, true},
+        {"a port that is listened on", loopback::Address(listener.port), listener.port, true},
+        {"a second connection from one port to another", taken, listener.port, true},
         {"nobody listens", anyPort, freePort, false},
         {"its own port, which would answer itself", free, freePort, false},
     };
@@ -225,7 +139,7 @@ TEST(BaseSocketTest, TellsALocalAddressThatCannotBeHadFromOtherFailures)
         EXPECT_NE(socket.OpenConnectionToServerNonBlocking("127.0.0.1", one.port, 5, &one.local), 0)
             << one.what;
         EXPECT_EQ(socket.IsLocalAddressUnavailable(), one.unavailable) << one.what << ErrorOf(socket);
-        EXPECT_EQ(socket.OpenConnectionToServerNonBlocking("127.0.0.1", pair.listener.port, 5, nullptr), 0)
+        EXPECT_EQ(socket.OpenConnectionToServerNonBlocking("127.0.0.1", listener.port, 5, nullptr), 0)
             << one.what;
         EXPECT_FALSE(socket.IsLocalAddressUnavailable());
     }
@@ -233,35 +147,15 @@ TEST(BaseSocketTest, TellsALocalAddressThatCannotBeHadFromOtherFailures)
     BaseSocket socket;
     sockaddr_in peer{};
     ASSERT_EQ(socket.Bind(free), 0);
-    ASSERT_EQ(socket.OpenConnectionToServerNonBlockingAfterBind("127.0.0.1", pair.listener.port, 5), 0);
+    ASSERT_EQ(socket.OpenConnectionToServerNonBlockingAfterBind("127.0.0.1", listener.port, 5), 0);
     // The clients of the cases above wait in front of it.
     BaseSocket accepted;
     while (peer.sin_port != free.sin_port)
-        ASSERT_EQ(pair.listener.socket.AcceptConnectionFromClientWithTimeOut(accepted, peer, 5, 0),
+        ASSERT_EQ(listener.socket.AcceptConnectionFromClientWithTimeOut(accepted, peer, 5, 0),
                   BaseSocket::Accepted);
     QORUnicodeString address;
     EXPECT_EQ(accepted.GetHostAddress(address, &peer), 0);
     EXPECT_EQ(address, "127.0.0.1");
-}
-
-TEST(BaseSocketTest, RunningOutOfDescriptorsIsToldAndPasses)
-{
-    Listener listener;
-    BaseSocket client;
-    BaseSocket accepted;
-    sockaddr_in from{};
-    ASSERT_EQ(client.OpenConnectionToServerNonBlocking("127.0.0.1", listener.port, 5, nullptr), 0);
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(listener.socket.AcceptConnectionFromClientWithTimeOut(accepted, from, 5, 0),
-              BaseSocket::AcceptFailed);
-    EXPECT_TRUE(listener.socket.IsOutOfResources());
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(listener.socket.AcceptConnectionFromClientWithTimeOut(accepted, from, 5, 0),
-              BaseSocket::Accepted);
-    EXPECT_FALSE(listener.socket.IsOutOfResources());
 }
 
 TEST(BaseSocketTest, OwnNameHasAnAddressEvenWithoutNameService)

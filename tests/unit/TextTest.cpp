@@ -110,36 +110,6 @@ TEST(Text, SplittingKeepsEveryEmptyField)
     EXPECT_EQ(joined, "|a|");
 }
 
-TEST(Lists, NullsGoAndTheOthersKeepTheirOrder)
-{
-    int objects[5] = {};
-    QORListPtr<int> list(1);
-    for (int& object : objects)
-        list.Append(&object);
-    list[1] = list[3] = list[5] = nullptr;
-    list.RemoveNulls();
-    ASSERT_EQ(list.Size(), 2);
-    EXPECT_EQ(list[1], &objects[1]);
-    EXPECT_EQ(list[2], &objects[3]);
-    list[1] = list[2] = nullptr;
-    list.RemoveNulls();
-    EXPECT_EQ(list.Size(), 0);
-}
-
-TEST(Options, AreComparedWholeAndNeedTheirValue)
-{
-    const auto arguments = ListOf({"RuvelServer", "-port", "5000", "-nocheck", "-retrytime"});
-    QORUnicodeString value("untouched");
-    EXPECT_NE(BaseString::CheckOption(arguments, "-retrytime"), 0);
-    for (const char* absent : {"-noche", "-NoCheck", "-nocheck2", ""})
-        EXPECT_EQ(BaseString::CheckOption(arguments, absent), 0) << absent;
-    EXPECT_EQ(BaseString::CheckOptionWithArgument(arguments, "-retrytime", value), 0);
-    EXPECT_EQ(BaseString::CheckOptionWithArgument(ListOf({}), "-port", value), 0);
-    EXPECT_EQ(value, "untouched");
-    EXPECT_NE(BaseString::CheckOptionWithArgument(arguments, "-port", value), 0);
-    EXPECT_EQ(value, "5000");
-}
-
 TEST(Time, DatesAreLocal)
 {
     setenv("TZ", "XXX-02:30", 1);
