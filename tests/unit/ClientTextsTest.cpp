@@ -7,25 +7,17 @@
 #include "client/Terminal.h"
 #include "client/TransferOptions.h"
 
-TEST(ProgressTexts, BytesHaveThreeDigits)
+TEST(ProgressTexts, FiguresHaveThreeDigitsAndDurationsAreReadAsOnAClock)
 {
-    const std::pair<long long, const char*> cases[] = {{0, "0 B"},
-                                                       {1023, "1023 B"},
-                                                       {1024, "1.00 KiB"},
-                                                       {10 * 1024, "10.0 KiB"},
-                                                       {1023 * 1024, "1.00 MiB"},
-                                                       {1536 * 1024, "1.50 MiB"},
-                                                       {1LL << 40, "1.00 TiB"}};
-    for (const auto& [bytes, text] : cases)
-        EXPECT_EQ(FormatBytes(bytes), text) << bytes;
-}
-
-TEST(ProgressTexts, DurationsAreReadAsOnAClock)
-{
-    const std::pair<double, const char*> cases[] = {{0, "0:00"},        {7.9, "0:07"}, {754, "12:34"},
-                                                    {10921, "3:02:01"}, {-1, "--:--"}, {1e12, "--:--"}};
-    for (const auto& [seconds, text] : cases)
-        EXPECT_EQ(FormatDuration(seconds), text) << seconds;
+    for (const auto& [bytes, text] : {std::pair(1023LL, "1023 B"),
+                                      {1024, "1.00 KiB"},
+                                      {10 * 1024, "10.0 KiB"},
+                                      {1023 * 1024, "1.00 MiB"},
+                                      {1LL << 40, "1.00 TiB"}})
+        EXPECT_EQ(FormatBytes(bytes), text);
+    for (const auto& [seconds, text] :
+         {std::pair(7.9, "0:07"), {754, "12:34"}, {10921, "3:02:01"}, {-1, "--:--"}, {1e12, "--:--"}})
+        EXPECT_EQ(FormatDuration(seconds), text);
 }
 
 TEST(ProgressTexts, ABarTellsShareRateAndTimeLeft)

@@ -34,34 +34,6 @@ Ran RunShell(const std::string& line, const std::string& input = "")
 const Wrapping Merged = {"0123456789abcdef", false, Wrapping::InTmp};
 } // namespace
 
-TEST(CommandWrappingTest, AShellReadsAnyWordsThroughTheWire)
-{
-    std::mt19937 random(20050127);
-    for (int round = 0; round < 60; ++round) {
-        std::vector<std::string> words = {"printf", "%s\\0"};
-        std::string expected;
-        for (std::size_t count = 1 + random() % 5; count > 0; --count) {
-            std::string word;
-            for (std::size_t length = random() % 40; length > 0; --length)
-                // What means something to shells and to the wire is more frequent than it would be.
-                word += random() % 2 == 0 ? "|\n'\"\\$`; .}"[random() % 11]
-                                          : static_cast<char>(1 + random() % 255);
-            expected += word + '\0';
-            words.push_back(word);
-        }
-        const std::string line = JoinShellWords(words);
-        const std::string end = EndLead(Merged.mark) + "0\n";
-        for (const std::string& sent : {WireLine(line), WrapLine(Merged, line), WrapLongLine(Merged, line)})
-            ASSERT_EQ(sent.find_first_of("|\n"), std::string::npos) << sent;
-        ASSERT_EQ(RunShell(WireLine(line)).output, expected) << line;
-        ASSERT_EQ(RunShell(WrapLine(Merged, line)).output, expected + end) << line;
-        ASSERT_EQ(RunShell(WrapLongLine(Merged, line), LongLineInput(line) + "?").output, expected + end)
-            << line;
-        ASSERT_EQ(OwnLine(WireLine(line)), line);
-        ASSERT_EQ(OwnLine(WrapLine(Merged, line)), line);
-    }
-}
-
 TEST(CommandWrappingTest, TellsTheCodeWhateverTheLineDoesToItsShell)
 {
     const struct {

@@ -67,13 +67,3 @@ TEST(EndMarkTest, WhatWasReleasedIsNeitherRepeatedNorForgotten)
     EXPECT_TRUE(mark.HasLeaked());
     EXPECT_EQ(mark.Number(), 5);
 }
-
-TEST(EndMarkTest, HoldsBackNothingButItsBeginning)
-{
-    EndMark mark(Lead);
-    std::string output;
-    mark.Feed("a\036ab1", output);
-    EXPECT_EQ(output, "a");
-    mark.Feed("!b", output);
-    EXPECT_EQ(output, "a\036ab1!b");
-}
