@@ -79,21 +79,6 @@ TEST(Mounts, AFullDiskFailsAPutThatIsTold)
     EXPECT_TRUE(("old " + content).starts_with(kept));
 }
 
-TEST(Mounts, AReadOnlyDiskIsTheSystemsReason)
-{
-    const TestDirectory directory;
-    PrivateMounts mounts;
-    const std::string disk = directory.Path() + "/disk", file = disk + "/file";
-    mounts.MakeMemory(disk, "64k", MS_RDONLY);
-    DaemonUnderTest daemon;
-    for (const char* keyword : {"TRANSFERPUT", "TRANSFERUPDATEPUT"}) {
-        TransferClient put(daemon, {.keyword = keyword, .file = file});
-        EXPECT_EQ(put.Finish(), "READERROR|" + std::string(BannerLine) +
-                                    "->Error unable to create remote file...( " + file +
-                                    ") : Read-only file system\n" + ReturnLine(1));
-    }
-}
-
 /** A table with every kind of line, over file systems whose figures are known. */
 TEST(Mounts, TheReportFollowsTheMountTable)
 {
