@@ -103,15 +103,6 @@ void Client::Send(std::string_view bytes)
     }
 }
 
-void Client::SendInPieces(const std::vector<std::string_view>& pieces, std::chrono::milliseconds pause)
-{
-    for (const std::string_view& piece : pieces) {
-        if (&piece != &pieces.front())
-            std::this_thread::sleep_for(pause);
-        Send(piece);
-    }
-}
-
 void Client::HalfClose()
 {
     dialogue_.Record(descriptor_, "-> (end)");

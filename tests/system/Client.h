@@ -1,9 +1,7 @@
 #pragma once
 
-#include <chrono>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "tests/system/Waiting.h"
 
@@ -35,8 +33,6 @@ public:
     ~Client();
 
     void Send(std::string_view bytes);
-    /** Sends the pieces as segments of their own, with a pause after each but the last. */
-    void SendInPieces(const std::vector<std::string_view>& pieces, std::chrono::milliseconds pause);
     /** Says that nothing more will be sent. */
     void HalfClose();
     /** Vanishes: the other side's next write or read fails. */

@@ -44,28 +44,6 @@ TEST(Framing, ARequestCutAnywhereBeyondTheFirstSegmentIsServedWhole)
     }
 }
 
-TEST(Framing, ManyPiecesMakeOneRequest)
-{
-    DaemonUnderTest daemon;
-    const std::string request = LongLaunch(5 * Segment);
-    const std::string_view view = request;
-    std::vector<std::string_view> pieces;
-    for (size_t start = 0; start < view.size(); start += Segment)
-        pieces.push_back(view.substr(start, Segment));
-    Client client = daemon.Connect();
-    client.SendInPieces(pieces, Pause);
-    EXPECT_EQ(client.ReadToEnd(), Finished(std::string(5 * Segment, 'x') + "\n", 0));
-}
-
-TEST(Framing, AShortRequestIsWholeAsSoonAsItArrives)
-{
-    DaemonUnderTest daemon;
-    Client client = daemon.Connect();
-    client.Send("RuvelControl V1.9");
-    EXPECT_EQ(client.ReadToEnd(),
-              BannerLine + std::string("->Bad version of RuvelServer, please install a newer version\n"));
-}
-
 TEST(Framing, OneTerminatorIsDropped)
 {
     using namespace std::string_literals;

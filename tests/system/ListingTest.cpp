@@ -33,18 +33,6 @@ std::string Line(int number, const std::string& process, const std::string& user
 }
 } // namespace
 
-TEST(Listing, AnIdleDaemonHasThreeEmptyHeadings)
-{
-    DaemonUnderTest daemon;
-    const std::string idle = "->RuvelServer V1.8.3 January 27, 2005 (Unix)\n"
-                             "->0 launched command(s) and file transfer(s) since beginning\n"
-                             "->Found 0 active log transfer(s)\n"
-                             "->Found 0 active command(s)\n"
-                             "->Found 0 active file transfer(s)\n";
-    for (const char* version : {"CODE", "RuvelControl V1.0", "RuvelControl V1.8.0", "RuvelControl V1.9"})
-        EXPECT_EQ(Ask(daemon, version + std::string("|anybody||INFO")), idle);
-}
-
 TEST(Listing, CommandsAreListedAsTheyWereSentUntilTheyEnd)
 {
     DaemonUnderTest daemon;

@@ -23,38 +23,17 @@ void Stop(DaemonUnderTest& daemon, Client& asking, By how)
         daemon.Process().Signal(how == By::Terminate ? SIGTERM : SIGINT);
     }
 }
-} // namespace
 
-class ShutdownBy : public testing::TestWithParam<By>
+/** A daemon that has nothing to end, and one that has. */
+void ExpectEveryClientToldBy(By how)
 {
-};
-
-std::string NameOf(const testing::TestParamInfo<By>& way)
-{
-    switch (way.param) {
-    case By::Close:
-        return "Close";
-    case By::Terminate:
-        return "Terminate";
-    default:
-        return "Interrupt";
+    {
+        DaemonUnderTest idle;
+        Client asking = idle.Connect();
+        Stop(idle, asking, how);
+        asking.ExpectDropped();
+        EXPECT_EQ(idle.Process().WaitForEnd(), 0);
     }
-}
-
-INSTANTIATE_TEST_SUITE_P(Shutdown, ShutdownBy, testing::Values(By::Close, By::Terminate, By::Interrupt),
-                         NameOf);
-
-TEST_P(ShutdownBy, AnIdleDaemonEndsWithSuccess)
-{
-    DaemonUnderTest daemon;
-    Client asking = daemon.Connect();
-    Stop(daemon, asking, GetParam());
-    asking.ExpectDropped();
-    EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
-}
-
-TEST_P(ShutdownBy, EveryClientIsToldAndEveryCommandEnds)
-{
     DaemonUnderTest daemon;
     Collector collector(daemon.Conversation());
     Client attached = daemon.Connect(), detached = daemon.Connect(), asking = daemon.Connect();
@@ -70,12 +49,19 @@ TEST_P(ShutdownBy, EveryClientIsToldAndEveryCommandEnds)
             begun += ReadFile(daemon.LogDirectory() + "/" + name) == "begun\n";
         return begun == 2;
     }));
-    Stop(daemon, asking, GetParam());
+    Stop(daemon, asking, how);
     EXPECT_EQ(attached.ReadToEnd(), Shutdown + "143\n");
     EXPECT_EQ(detached.ReadToEnd(), BannerLine + Shutdown + "6\n");
     EXPECT_EQ("ID|" + collector.Accept().ReadToEnd(), answer + BannerLine + Shutdown + "143\n");
     asking.ExpectDropped();
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
+}
+} // namespace
+
+TEST(Shutdown, EveryClientIsToldAndEveryCommandEndsInEveryWay)
+{
+    for (const By how : {By::Close, By::Terminate, By::Interrupt})
+        ExpectEveryClientToldBy(how);
 }
 
 TEST(Shutdown, ALogOnItsWayIsDeliveredToItsEnd)
@@ -106,21 +92,4 @@ TEST(Shutdown, NobodyIsServedAfterIt)
     EXPECT_THROW(daemon.Connect(), std::runtime_error);
     stubborn.Send("\n");
     EXPECT_EQ(stubborn.ReadToEnd(), Shutdown + "2\n");
-}
-
-TEST(Shutdown, ADaemonCanStartWhereOneHasJustEnded)
-{
-    DaemonUnderTest daemon;
-    Client client = daemon.Connect();
-    client.Send(Launch("SOCKET", "sleep 1000"));
-    client.ReadUntil(BannerLine);
-    daemon.Process().Signal(SIGTERM);
-    EXPECT_EQ(client.ReadToEnd(), Shutdown + "143\n");
-    EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
-    const TestDirectory directory;
-    ServerProcess next(directory.Path(), {"-noinstall", "-nocheck", "-port", std::to_string(daemon.Port()),
-                                          "-logdirectory", directory.Path()});
-    EXPECT_TRUE(next.WaitForTrace("(successfull)\n")) << next.Trace();
-    next.Signal(SIGTERM);
-    EXPECT_EQ(next.WaitForEnd(), 0);
 }

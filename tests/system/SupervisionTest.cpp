@@ -43,26 +43,6 @@ TEST(Supervision, OnlyTheExpiredOneEnds)
     EXPECT_EQ(longer.ReadToEnd(), Finished("here\n", 2));
 }
 
-TEST(Supervision, AnExpiredTreeGoesWhole)
-{
-    DaemonUnderTest daemon;
-    // A child, a session of its own, a double fork, two orphans in a session of their own, a stopped member,
-    // and a member of a stopped one.
-    const std::string tree = "sleep 1000 & "
-                             "setsid sleep 1001 & "
-                             "(sleep 1002 & ) ; "
-                             "(setsid sh -c 'sleep 1003 & sleep 1004 & exit' & ) ; "
-                             "sh -c 'kill -STOP $$; sleep 1005' & "
-                             "sh -c 'sleep 1006 & kill -STOP $$' & "
-                             "echo up; wait";
-    Client client = daemon.Connect();
-    client.Send(Launch("SOCKET", tree, "2"));
-    client.ReadUntil("up\n");
-    EXPECT_EQ(client.ReadToEnd(), Expired + ReturnLine(143));
-    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
-    EXPECT_TRUE(WaitUntil([&] { return FindZombiesOf(daemon.Process().Id()).empty(); }));
-}
-
 TEST(Supervision, AClientThatVanishesDoesNotStopSupervision)
 {
     DaemonUnderTest daemon;
@@ -99,20 +79,4 @@ TEST(Supervision, CommandsWhoseClientsDoNotReadDelayNobody)
     EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "exit 4")), Finished("", 4));
     for (const std::unique_ptr<Client>& client : idle)
         client->Reset();
-}
-
-TEST(Supervision, NoChildStaysAZombie)
-{
-    DaemonUnderTest daemon;
-    Client busy = daemon.Connect();
-    busy.Send(Launch("SOCKET", "read line"));
-    busy.ReadUntil(BannerLine);
-    // Orphans are adopted by the daemon while something else is alive.
-    EXPECT_EQ(Ask(daemon, Launch("SOCKET", "(setsid sh -c 'sleep 0.1; exit 5' & ) ; exit 0")),
-              Finished("", 0));
-    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "true")), Finished("", 0));
-    EXPECT_TRUE(WaitUntil(
-        [&] { return daemon.Descendants().size() == 1 && FindZombiesOf(daemon.Process().Id()).empty(); }));
-    busy.Send("\n");
-    EXPECT_EQ(busy.ReadToEnd(), ReturnLine(0));
 }
