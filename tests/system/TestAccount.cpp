@@ -6,10 +6,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,44 +32,27 @@ std::string MakeRandomText(size_t length)
     return text;
 }
 
-/** Runs a program of the system, its input given, and returns its exit status. */
-int Run(std::vector<std::string> arguments, const std::string& input = {})
-{
-    std::vector<char*> vector;
-    for (std::string& argument : arguments)
-        vector.push_back(argument.data());
-    vector.push_back(nullptr);
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        throw std::runtime_error("unable to make a pipe");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
-    pid_t process = 0;
-    const int failed = posix_spawn(&process, vector[0], &actions, nullptr, vector.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(ends[0]);
-    const bool written = failed == 0 && write(ends[1], input.data(), input.size()) >= 0;
-    close(ends[1]);
-    int status = 0;
-    if (!written || waitpid(process, &status, 0) != process)
-        throw std::runtime_error("unable to run " + arguments[0]);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-/** The same for the tools of the user database, which another test may be changing just now. */
-int Change(const std::vector<std::string>& arguments, const std::string& input = {})
+/** Runs a tool of the user database, its input given, again while another test is changing that. */
+int Change(const std::string& command, const std::string& input = {})
 {
     int status = DatabaseBusy;
-    WaitUntil([&] { return (status = Run(arguments, input)) != DatabaseBusy; });
+    WaitUntil([&] {
+        FILE* const tool = popen(command.c_str(), "we");
+        if (tool == nullptr)
+            throw std::runtime_error("unable to run " + command);
+        fputs(input.c_str(), tool);
+        const int ended = pclose(tool);
+        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+        return status != DatabaseBusy;
+    });
     return status;
 }
 
-void MustChange(const std::vector<std::string>& arguments, const std::string& input = {})
+void MustChange(const std::string& command, const std::string& input = {})
 {
-    const int status = Change(arguments, input);
+    const int status = Change(command, input);
     if (status != 0)
-        throw std::runtime_error(arguments[0] + " ended with " + std::to_string(status));
+        throw std::runtime_error(command + " ended with " + std::to_string(status));
 }
 
 /** Tells a process from a later one with the same id; empty when there is none. */
@@ -105,7 +86,7 @@ void EndProcessesOf(uid_t user)
 void Remove(const std::string& name, uid_t user)
 {
     EndProcessesOf(user);
-    Change({"/usr/sbin/userdel", "--force", "--remove", name});
+    Change("/usr/sbin/userdel --force --remove " + name);
 }
 } // namespace
 
@@ -114,32 +95,17 @@ TestAccount::TestAccount(const std::vector<std::string>& groups, Check check)
 {
     RemoveAbandoned();
     const std::string maker = std::to_string(getpid());
-    std::vector<std::string> arguments = {"/usr/sbin/useradd",
-                                          "--create-home",
-                                          "--home-dir",
-                                          home_,
-                                          "--shell",
-                                          "/bin/sh",
-                                          "--no-log-init",
-                                          "--key",
-                                          "SUB_UID_COUNT=0",
-                                          "--key",
-                                          "SUB_GID_COUNT=0",
-                                          "--comment",
-                                          Comment + maker + " " + StartTimeOf(maker)};
-    if (!groups.empty()) {
-        std::string list;
-        for (const std::string& group : groups)
-            list += (list.empty() ? "" : ",") + group;
-        arguments.insert(arguments.end(), {"--groups", list});
-    }
-    arguments.push_back(name_);
-    MustChange(arguments);
+    std::string command = "/usr/sbin/useradd --create-home --home-dir " + home_ +
+                          " --shell /bin/sh --no-log-init --key SUB_UID_COUNT=0 --key SUB_GID_COUNT=0"
+                          " --comment '" +
+                          Comment + maker + " " + StartTimeOf(maker) + "'";
+    for (const std::string& group : groups)
+        command += (&group == &groups.front() ? " --groups " : ",") + group;
+    MustChange(command + " " + name_);
     // Nobody guesses a random password, so that a costly check of it would protect nothing.
-    arguments = {"/usr/sbin/chpasswd"};
-    if (check == Check::Cheap)
-        arguments.insert(arguments.end(), {"--crypt-method", "SHA256", "--sha-rounds", "1000"});
-    MustChange(arguments, name_ + ":" + password_ + "\n");
+    MustChange(std::string("/usr/sbin/chpasswd") +
+                   (check == Check::Cheap ? " --crypt-method SHA256 --sha-rounds 1000" : ""),
+               name_ + ":" + password_ + "\n");
     const passwd* entry = getpwnam(name_.c_str());
     if (!entry)
         throw std::runtime_error("the account " + name_ + " is not there");
@@ -155,12 +121,12 @@ TestAccount::~TestAccount()
 
 void TestAccount::Lock()
 {
-    MustChange({"/usr/sbin/usermod", "--lock", name_});
+    MustChange("/usr/sbin/usermod --lock " + name_);
 }
 
 void TestAccount::Expire()
 {
-    MustChange({"/usr/sbin/usermod", "--expiredate", "1980-01-01", name_});
+    MustChange("/usr/sbin/usermod --expiredate 1980-01-01 " + name_);
 }
 
 void TestAccount::RemoveAbandoned()
