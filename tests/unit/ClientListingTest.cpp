@@ -84,6 +84,8 @@ TEST(ClientListing, IsShownInColumns)
                                         "  1234       41  ann   2026-11-22 20:15:04  true"}));
     for (const std::string& line : FormatListing(*listing, 30))
         EXPECT_LE(line.size(), 30U);
+    EXPECT_EQ(FormatListing(*ParseListing(WithCommands(0, "")), 80),
+              std::vector<std::string>{"Nothing is running."});
 }
 
 TEST(ClientListing, WhatIsNoListingIsNotTakenForOne)

@@ -32,6 +32,9 @@ TEST(Connection, ExpiresOneSecondPastItsTimeOut)
         EXPECT_EQ(connection.IsEndOfLife(one.now), one.isExpired) << one.begin << '+' << one.timeOut;
         EXPECT_EQ(connection.GetEndOfLife(), one.endOfLife) << one.begin << '+' << one.timeOut;
     }
+    Connection connection;
+    connection.SetBeginLifeTime(LONG_MAX);
+    EXPECT_EQ(connection.GetBeginDate().View(), "ErrorDate");
 }
 
 TEST(SendQueue, KeepsOrderForAClientThatDoesNotRead)

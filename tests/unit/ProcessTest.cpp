@@ -66,4 +66,19 @@ TEST_F(ProcessTest, AskingKillingAndForgetting)
     EXPECT_EQ(process.KillBaseProcessTree(1), 0);
     EXPECT_TRUE(IsAlive(processId)) << "a forgotten process was signalled";
 }
+
+TEST_F(ProcessTest, AFailureBeyondTheForkReachesTheLog)
+{
+    const std::string large(120000, 'x'); // 30 of them are more than the kernel passes on
+    for (int i = 0; i < 30; ++i)
+        setenv(("LARGE" + std::to_string(i)).c_str(), large.c_str(), 1);
+    BaseProcess process;
+    const int result = Start(process, "exit 0");
+    for (int i = 0; i < 30; ++i)
+        unsetenv(("LARGE" + std::to_string(i)).c_str());
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(WaitForEnd(process), 126);
+    EXPECT_EQ(commands::ReadFile(Path("log")),
+              "Error unable to start command, /bin/sh : Argument list too long\n");
+}
 } // namespace

@@ -21,6 +21,14 @@ class TestWorker : public ThreadOrProcessConnection
 public:
     explicit TestWorker(std::function<int()> routine) : routine_(std::move(routine)) {}
     int ThreadOrProcessRoutine() override { return routine_(); }
+    int RunNothing()
+    {
+        ChildId worker;
+        int status = -1;
+        EXPECT_EQ(_InitThreadOrProcess(worker, nullptr, nullptr), 0);
+        EXPECT_EQ(_WaitThreadOrProcess(worker, status, 20), 1);
+        return status;
+    }
 
 private:
     std::function<int()> routine_;
@@ -73,6 +81,15 @@ TEST(Worker, IsStartedOnceAndWaitedFor)
     EXPECT_EQ(worker.TerminateThreadOrProcess(1), 0);
     EXPECT_EQ(worker.WaitThreadOrProcess(status, 20), 1);
     EXPECT_EQ(status, 999);
+    EXPECT_EQ(worker.RunNothing(), 111);
+
+    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
+    const auto forgotten = static_cast<pid_t>(worker.GetWorkerProcessId());
+    worker.ResetThreadOrProcess();
+    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(kill(forgotten, SIGKILL), 0);
+    EXPECT_EQ(waitpid(forgotten, nullptr, 0), forgotten);
 }
 
 TEST(Worker, CountsAsGoneWhenItsStatusWasTakenAway)

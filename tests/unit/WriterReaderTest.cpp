@@ -92,6 +92,15 @@ TEST(WriterReader, RemovesOnlyWhatTheDeadHaveLeft)
     EXPECT_EQ(semctl(sets[2], 0, IPC_RMID), 0);
 }
 
+TEST(WriterReader, IsUnusableWithoutASize)
+{
+    WriterReader board(0);
+    QORUnicodeString text;
+    EXPECT_EQ(board.GetStatus(), -1);
+    EXPECT_EQ(board.Write("text"), 0);
+    EXPECT_EQ(board.Read(text), 0);
+}
+
 TEST(WriterReader, OutlivesAWriterThatDiesHoldingIt)
 {
     WriterReader board(64);
