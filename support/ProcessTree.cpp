@@ -20,6 +20,9 @@ constexpr long NapNanoseconds = 200000; // between two looks at a tree that is s
 constexpr int MostNaps = 25;            // 5 ms in all: a member may be unable to stop for as long as it likes
 constexpr long long MostMilliseconds = 100; // for a tree that grows as fast as it is stopped
 constexpr int MostMissedInARow = 8;         // looks at the orphans alone
+// A list of children that come and go may lack one that is there: where somebody was missed one quiet walk is
+// no proof yet.
+constexpr int QuietWalksAfterMiss = 4;
 // What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
 constexpr std::size_t MostPidDescriptors = 1024;
 
@@ -46,14 +49,16 @@ public:
      * the lists that were read before cannot show. */
     bool HasMoved() const { return grown_ || missed_; }
     bool HasMissedSome() const { return missed_; }
-    /** It did not, and left nothing in doubt either. */
-    bool IsSettled() const { return !HasMoved() && !doubtful_; }
+    /** It did not, and left nothing in doubt either; nor did those before it, had somebody been missed. */
+    bool IsSettled() const { return quietInARow_ >= (hasEverMissed_ ? QuietWalksAfterMiss : 1); }
     bool AreAllStill() const;
     bool Holds(pid_t processId) const { return members_.contains(processId); }
 
 private:
     bool IsSessionStillTheirs() const;
+    void LookForMembers();
     void WalkOrphans(ChildrenReader& reader);
+    void Miss(pid_t processId);
     void Consider(pid_t orphan);
     void Hold(pid_t processId, const Member* parent);
 
@@ -62,7 +67,9 @@ private:
     bool grown_ = false;
     bool missed_ = false;
     bool doubtful_ = false;
+    bool hasEverMissed_ = false;
     int missedInARow_ = 0;
+    int quietInARow_ = 0;
     std::unordered_set<pid_t> members_;
     std::unordered_set<pid_t> strangers_; // orphans that have been looked at: once a search is enough
 };
@@ -87,6 +94,14 @@ bool ProcessTree::Search::IsSessionStillTheirs() const
     });
 }
 
+/** One that has ended tells no more whose it was. */
+void ProcessTree::Search::Miss(pid_t processId)
+{
+    missed_ = true;
+    hasEverMissed_ = true;
+    strangers_.insert(processId);
+}
+
 /** Takes the orphan in if it is of the tree, and does not ask again if it is not. */
 void ProcessTree::Search::Consider(pid_t orphan)
 {
@@ -97,16 +112,16 @@ void ProcessTree::Search::Consider(pid_t orphan)
         Hold(orphan, nullptr);
         return;
     }
-    if (status.HasEnded()) { // and tells no more whose it was
-        missed_ = true;
-        strangers_.insert(orphan);
-        return;
-    }
+    if (status.HasEnded())
+        return Miss(orphan);
     switch (ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_)) {
     case ProcessFiles::Answer::Yes:
         Hold(orphan, nullptr);
         break;
     case ProcessFiles::Answer::No:
+        // It may have ended between the two looks, and its successor be there by now.
+        if (!ProcessFiles::ReadStatus(orphan, status) || status.HasEnded())
+            return Miss(orphan);
         strangers_.insert(orphan);
         break;
     case ProcessFiles::Answer::NotYet:
@@ -124,10 +139,8 @@ void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
     if (!ProcessFiles::ReadStatus(processId, status)) {
         // Either it is gone, or the pidfd was the last descriptor there was, which reading needs more.
         member.pidDescriptor = FileDescriptor();
-        if (!ProcessFiles::ReadStatus(processId, status)) {
-            missed_ = true;
-            return;
-        }
+        if (!ProcessFiles::ReadStatus(processId, status))
+            return Miss(processId);
     }
     member.startTime = status.startTime;
     if (parent != nullptr &&
@@ -158,6 +171,12 @@ void ProcessTree::Search::Walk()
     grown_ = false;
     missed_ = false;
     doubtful_ = false;
+    LookForMembers();
+    quietInARow_ = HasMoved() || doubtful_ ? 0 : quietInARow_ + 1;
+}
+
+void ProcessTree::Search::LookForMembers()
+{
     ChildrenReader reader;
     const auto command = static_cast<pid_t>(tree_.command_.processId);
     if (ChildTable::IsRunning(tree_.command_) && !members_.contains(command))
