@@ -156,7 +156,7 @@ void RuvelServer::StartFarewells()
     const long long now = Clock::SteadyMilliseconds();
     if (!Deadline::IsPast(startFarewellsAt_, now))
         return;
-    startFarewellsAt_ = Deadline::Never;
+    startFarewellsAt_ = now + FarewellPause; // should it break off
     const TurnShare share;
     for (const auto& farewell : farewells_) {
         if (farewell->IsHandedOver())
@@ -166,11 +166,10 @@ void RuvelServer::StartFarewells()
             return;
         }
         QORListPtrBaseSocket sockets = ListSocketsForWorker();
-        if (farewell->HandOver(sockets) != 0) {
-            startFarewellsAt_ = now + FarewellPause;
+        if (farewell->HandOver(sockets) != 0)
             return;
-        }
     }
+    startFarewellsAt_ = Deadline::Never;
 }
 
 void RuvelServer::CheckFarewells()
