@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/Clock.h"
 #include "support/CommandChild.h"
 #include "support/CommandEnvironment.h"
 #include "support/FileDescriptor.h"
@@ -176,6 +177,8 @@ int BaseProcess::CheckForProcess(int& returnCode)
 {
     if (processId_ != 0 && !ended_) {
         int waitStatus = 0;
+        if (const long long end = ChildTable::TimeOfEnd(child_); end != 0)
+            tree_.NoteRunning(end);
         const ChildState state = ChildTable::Ask(child_, waitStatus);
         if (state == ChildState::Running)
             return 0;
@@ -193,6 +196,7 @@ int BaseProcess::WaitForProcess(int& returnCode, const int& timeoutSeconds)
             ChildTable::Wait(child_, waitStatus, static_cast<long long>(timeoutSeconds) * 1000);
         if (state == ChildState::Running)
             return 1;
+        tree_.NoteRunning(Clock::SteadyMilliseconds());
         NoteEnd(state, waitStatus);
     }
     returnCode = exitCode_;

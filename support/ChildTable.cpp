@@ -19,6 +19,7 @@ struct Record {
     unsigned long long serial = 0;
     bool ended = false;
     int waitStatus = 0;
+    long long timeOfEnd = 0;
 };
 
 // Keyed by process id, which is what waitpid() tells. An id may occur several times: once as running, and
@@ -64,6 +65,7 @@ void NoteEnd(pid_t processId, int waitStatus)
         return;
     found->second.ended = true;
     found->second.waitStatus = waitStatus;
+    found->second.timeOfEnd = Clock::SteadyMilliseconds();
     ++unaskedEnds;
     ends.push_back(processId);
 }
@@ -114,7 +116,7 @@ ChildId Enter(pid_t processId)
 {
     Prepare();
     spare.key() = processId;
-    spare.mapped() = Record{++lastSerial, false, 0};
+    spare.mapped() = Record{++lastSerial, false, 0, 0};
     records.insert(std::move(spare));
     youngest[lastSerial % youngest.size()] = processId;
     return ChildId{processId, lastSerial};
@@ -158,6 +160,12 @@ ChildState Ask(const ChildId& child, int& waitStatus)
     records.erase(found);
     --unaskedEnds;
     return ChildState::Ended;
+}
+
+long long TimeOfEnd(const ChildId& child)
+{
+    const auto found = FindChild(child);
+    return found == records.end() ? 0 : found->second.timeOfEnd;
 }
 
 ChildState Wait(const ChildId& child, int& waitStatus, long long limitMilliseconds)

@@ -49,6 +49,9 @@ void ReapYoungest();
 /** The child's state as of the last Reap(); an ended child's wait status goes to `waitStatus` and its entry.
  */
 ChildState Ask(const ChildId& child, int& waitStatus);
+/** When an ended child that has not been asked for was collected, on the steady clock in milliseconds; 0 for
+ * any other. */
+long long TimeOfEnd(const ChildId& child);
 /** Waits until the child has ended, at most this long (negative: without limit), reaping meanwhile. */
 ChildState Wait(const ChildId& child, int& waitStatus, long long limitMilliseconds);
 /** True while the table has the child as running, so that it may be signalled. */

@@ -26,6 +26,13 @@ constexpr int QuietWalksAfterMiss = 4;
 // What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
 constexpr std::size_t MostPidDescriptors = 1024;
 
+/** Steady milliseconds in the unit of start times. */
+unsigned long long ToTicks(long long milliseconds)
+{
+    static const long long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    return static_cast<unsigned long long>(milliseconds * ticksPerSecond / 1000);
+}
+
 void Nap()
 {
     const timespec nap{0, NapNanoseconds};
@@ -56,6 +63,7 @@ public:
 
 private:
     bool IsSessionStillTheirs() const;
+    bool IsOfTheirSession(const ProcessStatus& orphan);
     void LookForMembers();
     void WalkOrphans(ChildrenReader& reader);
     void Miss(pid_t processId);
@@ -76,6 +84,8 @@ private:
 
 ProcessTree::Search::Search(ProcessTree& tree) : tree_(tree), sessionIsTheirs_(IsSessionStillTheirs())
 {
+    if (ChildTable::IsRunning(tree_.command_))
+        tree_.NoteRunning(Clock::SteadyMilliseconds());
     for (const Member& member : tree_.members_) {
         members_.insert(member.processId);
         Send(member, SIGSTOP);
@@ -94,6 +104,17 @@ bool ProcessTree::Search::IsSessionStillTheirs() const
     });
 }
 
+/** Whoever was there while the command still ran can have no other session of this id; and as long as
+ * somebody is in it, no other can have its id. */
+bool ProcessTree::Search::IsOfTheirSession(const ProcessStatus& orphan)
+{
+    if (orphan.session != tree_.command_.processId)
+        return false;
+    if (orphan.startTime <= tree_.lastSeenRunning_) // no id is used again within a tick
+        sessionIsTheirs_ = true;
+    return sessionIsTheirs_;
+}
+
 /** One that has ended tells no more whose it was. */
 void ProcessTree::Search::Miss(pid_t processId)
 {
@@ -108,7 +129,7 @@ void ProcessTree::Search::Consider(pid_t orphan)
     ProcessStatus status;
     if (!ProcessFiles::ReadStatus(orphan, status))
         return;
-    if (sessionIsTheirs_ && status.session == tree_.command_.processId) {
+    if (IsOfTheirSession(status)) {
         Hold(orphan, nullptr);
         return;
     }
@@ -212,10 +233,16 @@ ProcessTree& ProcessTree::operator=(ProcessTree&& other) noexcept
 {
     command_ = std::exchange(other.command_, ChildId());
     mark_ = std::exchange(other.mark_, std::string());
+    lastSeenRunning_ = std::exchange(other.lastSeenRunning_, 0);
     lastSignal_ = std::exchange(other.lastSignal_, 0);
     isUnsettled_ = std::exchange(other.isUnsettled_, false);
     members_ = std::exchange(other.members_, std::vector<Member>());
     return *this;
+}
+
+void ProcessTree::NoteRunning(long long milliseconds)
+{
+    lastSeenRunning_ = ToTicks(milliseconds);
 }
 
 /** 0, also when this process may not signal the member; -1 when the member is gone. */

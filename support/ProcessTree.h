@@ -34,6 +34,9 @@ public:
      * signalled all the same. May be called again; members found before are kept.
      */
     void Signal(int signal);
+    /** The command's process id was still its own at this moment (steady milliseconds): who was in its
+     * session then is a member, however little else tells it. */
+    void NoteRunning(long long milliseconds);
     /**
      * Number of members found so far that are still alive; those that have ended are let go. When the last
      * one has, it looks once more for what they may have left behind, which gets the last signal too. One
@@ -56,6 +59,7 @@ private:
 
     ChildId command_;
     std::string mark_;
+    unsigned long long lastSeenRunning_ = 0; // the command: clock ticks since boot
     int lastSignal_ = 0;
     bool isUnsettled_ = false;
     std::vector<Member> members_; // in the order in which they were found, parents first

@@ -192,9 +192,11 @@ private:
             if (tree.HasEnded())
                 continue;
             text += "end " + std::to_string(static_cast<int>(tree.end)) + ":";
+            // By now another process may have the id.
             for (const int member : tree.witness.Members())
-                if (IsAlive(member))
-                    text += " " + std::to_string(member);
+                if (const std::string status = ReadFile("/proc/" + std::to_string(member) + "/stat");
+                    status.find("(TreeMaker)") != std::string::npos)
+                    text += "\n    " + status.substr(0, status.find(" 0 "));
             text += "\n";
         }
         return text;

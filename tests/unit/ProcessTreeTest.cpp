@@ -81,6 +81,23 @@ TEST_F(ProcessTreeTest, AForcedEndReachesWhoeverHasLeft)
     EXPECT_TRUE(IsNobodyLeft()) << "somebody who did not bear witness is left";
 }
 
+TEST_F(ProcessTreeTest, WhoeverTheCommandLeavesInItsSessionIsReachedWhenItHasEnded)
+{
+    BaseProcess process;
+    // Started by the request to end, it bears no mark and has lost its parent; nobody else is in the session.
+    StartTree(process, "trap '(env -i @ &); exit 3' TERM; %; while :; do sleep 0.01; done");
+    ASSERT_EQ(CountOf(WaitForIds(1)), 1U);
+    EXPECT_EQ(process.KillBaseProcessTree(0), 0);
+    EXPECT_EQ(WaitForEnd(process), 3);
+    const std::vector<pid_t> ids = WaitForIds(2);
+    EXPECT_EQ(CountOf(ids), 1U);
+    EXPECT_EQ(process.KillBaseProcessTree(1), 0);
+    EXPECT_TRUE(WaitUntil([&] {
+        ChildTable::Reap();
+        return CountOf(ids) == 0;
+    }));
+}
+
 TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
 {
     BaseProcess process;
