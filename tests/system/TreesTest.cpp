@@ -1,11 +1,12 @@
 // Random trees of processes that hide and resist, ended in every way that a tree can be ended: no member
-// survives, and no tree beside them gets a signal. RUVEL_TREES sets how many trees there are.
+// survives, and nobody else is ever signalled. RUVEL_TREES sets how many trees there are.
 
 #include <cstdlib>
 #include <filesystem>
 #include <list>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -83,6 +84,24 @@ private:
     TreeWitness witness_;
 };
 
+/** While it stands, what is started writes the signals that it sends into a file. */
+class SignalLog
+{
+public:
+    explicit SignalLog(const std::string& path)
+    {
+        setenv("LD_PRELOAD", FileBesideThis("SignalLog.so").c_str(), 1);
+        setenv("RUVEL_SIGNAL_LOG", path.c_str(), 1);
+    }
+    SignalLog(const SignalLog&) = delete;
+    SignalLog& operator=(const SignalLog&) = delete;
+    ~SignalLog()
+    {
+        for (const char* name : {"LD_PRELOAD", "RUVEL_SIGNAL_LOG"})
+            unsetenv(name);
+    }
+};
+
 enum class End { KillTree, ForceKillTree, LifeTime, Shutdown };
 
 /** A random tree, and the client that launched it. */
@@ -111,6 +130,7 @@ public:
             execl("/bin/sh", "sh", "-c", outside_.Command().c_str(), nullptr);
             _exit(127);
         }
+        const SignalLog log(LogName());
         daemon_ = std::make_unique<DaemonUnderTest>(DaemonOptions{.shortLadders = true});
     }
     Forest(const Forest&) = delete;
@@ -154,9 +174,12 @@ public:
         daemon_.reset(); // a shutdown
         EXPECT_TRUE(WaitUntil([this] { return AllHaveEnded(true) && command_.Witness().HasEnded(); }))
             << WhoIsLeft();
+        ExpectNobodyElseSignalled();
     }
 
 private:
+    std::string LogName() const { return directory_.Path() + "/signals"; }
+
     void Plant(int number)
     {
         const auto end = static_cast<End>(random_() % 4);
@@ -200,6 +223,25 @@ private:
             text += "\n";
         }
         return text;
+    }
+
+    void ExpectNobodyElseSignalled()
+    {
+        std::set<int> processes = command_.Witness().Members();
+        for (Tree& tree : trees_)
+            processes.insert(tree.witness.Members().begin(), tree.witness.Members().end());
+        ExpectOnlyAmong(processes);
+    }
+
+    /** One that was stopped before it could write its id is told by its program. */
+    void ExpectOnlyAmong(const std::set<int>& processes) const
+    {
+        std::istringstream lines(ReadFile(LogName()));
+        int process = 0, signal = 0, count = 0;
+        for (std::string name; lines >> process >> signal && std::getline(lines, name); ++count)
+            EXPECT_TRUE(processes.contains(process) || name == " TreeMaker")
+                << "signal " << signal << " to " << process << name;
+        EXPECT_GT(count, 0);
     }
 
     std::mt19937 random_;
