@@ -25,8 +25,8 @@ struct Kind {
 /**
  * What the daemon calls and what can fail. Left out is what fails only when it is called wrongly (such as
  * sigprocmask or umask), what is called in the hope that it fails (setuid and seteuid, which prove that there
- * is no way back to root), and removing a segment, a semaphore or what epoll watches, which fails only when it
- * is not there.
+ * is no way back to root), and removing a segment, a semaphore or what epoll watches, which fails only when
+ * it is not there.
  */
 inline constexpr Kind Kinds[] = {
     {"accept4", {EMFILE, ENOBUFS, ECONNABORTED}},
