@@ -23,6 +23,7 @@ constexpr int MostMissedInARow = 8;         // looks at the orphans alone
 // A list of children that come and go may lack one that is there: where somebody was missed one quiet walk is
 // no proof yet.
 constexpr int QuietWalksAfterMiss = 4;
+constexpr int MostClosingWalks = 10; // of a search that is broken off
 // What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
 constexpr std::size_t MostPidDescriptors = 1024;
 
@@ -52,6 +53,8 @@ public:
 
     /** One walk over the tree. */
     void Walk();
+    /** Looks at the members' children alone, so that no child of theirs loses the parent that tells it. */
+    void CloseOver();
     /** The last walk found new members, or somebody who had just gone: who may have left a successor, which
      * the lists that were read before cannot show. */
     bool HasMoved() const { return grown_ || missed_; }
@@ -66,6 +69,7 @@ private:
     bool IsOfTheirSession(const ProcessStatus& orphan);
     void LookForMembers();
     void WalkOrphans(ChildrenReader& reader);
+    void WalkMembers(ChildrenReader& reader);
     void Miss(pid_t processId);
     void Consider(pid_t orphan);
     void Hold(pid_t processId, const Member* parent);
@@ -207,11 +211,28 @@ void ProcessTree::Search::LookForMembers()
     missedInARow_ = missed_ ? missedInARow_ + 1 : 0;
     if (missedInARow_ % MostMissedInARow != 0)
         return;
-    // Members found here are walked too: they join at the end.
+    WalkMembers(reader);
+}
+
+/** Members found here are walked too: they join at the end. */
+void ProcessTree::Search::WalkMembers(ChildrenReader& reader)
+{
     for (std::size_t i = 0; i < tree_.members_.size(); ++i)
         for (const pid_t child : reader.ListChildren(tree_.members_[i].processId))
             if (child > 1 && child != getpid() && !members_.contains(child))
                 Hold(child, &tree_.members_[i]);
+}
+
+void ProcessTree::Search::CloseOver()
+{
+    for (int i = 0; i < MostClosingWalks; ++i) {
+        grown_ = false;
+        ChildrenReader reader;
+        WalkMembers(reader);
+        if (!grown_ && AreAllStill())
+            return;
+        Nap();
+    }
 }
 
 bool ProcessTree::Search::AreAllStill() const
@@ -294,6 +315,8 @@ bool ProcessTree::StopAll()
         ++naps;
         Nap();
     }
+    if (isUnsettled_)
+        search.CloseOver();
     return search.Holds(static_cast<pid_t>(command_.processId));
 }
 
