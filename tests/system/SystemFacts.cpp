@@ -24,6 +24,7 @@ std::vector<std::string> ReadState(pid_t process)
     }
     return fields;
 }
+} // namespace
 
 std::vector<pid_t> ListProcesses()
 {
@@ -34,8 +35,6 @@ std::vector<pid_t> ListProcesses()
     }
     return processes;
 }
-} // namespace
-
 std::vector<pid_t> FindProcessesWith(const std::string& text)
 {
     std::vector<pid_t> found = ListProcesses();

@@ -8,6 +8,8 @@
 // What the system knows of processes and of System V objects, for a look from outside at what the daemon
 // holds and what it has left behind.
 
+/** Every process of the machine, those that have ended and wait to be asked for included. */
+std::vector<pid_t> ListProcesses();
 /** Processes alive whose environment holds `text`; those that may not be looked into are left out. */
 std::vector<pid_t> FindProcessesWith(const std::string& text);
 /** Ended children of a process that it has not yet asked for. */

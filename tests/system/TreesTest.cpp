@@ -29,6 +29,21 @@ std::string FileBesideThis(const std::string& name)
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
 }
 
+/** Those who have the file open, this process left out. */
+std::vector<pid_t> FindHoldersOf(const std::string& path)
+{
+    std::vector<pid_t> holders = ListProcesses();
+    std::erase_if(holders, [&](pid_t process) {
+        std::error_code gone;
+        std::filesystem::directory_iterator file("/proc/" + std::to_string(process) + "/fd", gone);
+        const auto isPath = [&](const auto& entry) {
+            return std::filesystem::read_symlink(entry, gone) == path;
+        };
+        return process == getpid() || std::none_of(begin(file), end(file), isPath);
+    });
+    return holders;
+}
+
 /** The reading end of the pipe that every member of one tree holds open. */
 class TreeWitness
 {
@@ -215,11 +230,8 @@ private:
             if (tree.HasEnded())
                 continue;
             text += "end " + std::to_string(static_cast<int>(tree.end)) + ":";
-            // By now another process may have the id.
-            for (const int member : tree.witness.Members())
-                if (const std::string status = ReadFile("/proc/" + std::to_string(member) + "/stat");
-                    status.find("(TreeMaker)") != std::string::npos)
-                    text += "\n    " + status.substr(0, status.find(" 0 "));
+            for (const pid_t holder : FindHoldersOf(tree.witness.Path()))
+                text += "\n    " + ReadFile("/proc/" + std::to_string(holder) + "/stat");
             text += "\n";
         }
         return text;
