@@ -126,11 +126,15 @@ struct Tree {
     {
     }
     /** One whose life is over before its first process has written its id is told by its client. */
-    bool HasEnded() { return witness.HasEnded() || (witness.Members().empty() && client.HasArrived()); }
+    bool HasEnded()
+    {
+        return witness.HasEnded() || (witness.Members().empty() && (isTold || client.HasArrived()));
+    }
 
     TreeWitness witness;
     End end;
     Client client;
+    bool isTold = false;
 };
 
 /** Ten trees of one daemon, beside two that must not notice. */
@@ -183,6 +187,7 @@ public:
         for (Tree& tree : trees_) {
             if (tree.end != End::Shutdown) {
                 EXPECT_THAT(tree.client.ReadToEnd(), HasSubstr("->ProcessReturnCode = "));
+                tree.isTold = true;
             }
         }
         command_.ExpectUntouched();
