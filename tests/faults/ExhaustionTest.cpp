@@ -89,14 +89,15 @@ void ExpectService(DaemonUnderTest& daemon)
     EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "echo on; exit 4")), Finished("on\n", 4));
 }
 
-std::size_t AddressSpaceOf(pid_t process)
+[[maybe_unused]] std::size_t AddressSpaceOf(pid_t process)
 {
     const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
     return std::stoul(status.substr(status.find("VmSize:") + 7)) * 1024;
 }
 
 /** The whole answer, or word of an error, or a closed connection before the answer is whole. */
-void ExpectWholeOrRefused(DaemonUnderTest& daemon, const std::string& request, const std::string& expected)
+[[maybe_unused]] void ExpectWholeOrRefused(DaemonUnderTest& daemon, const std::string& request,
+                                           const std::string& expected)
 {
     Client client = daemon.Connect();
     client.Send(request);
