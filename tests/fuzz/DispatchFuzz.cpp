@@ -215,10 +215,11 @@ extern "C" int __wrap_execve(const char*, char* const*, char* const*)
 extern "C" int __real_kill(pid_t process, int signal);
 extern "C" int __wrap_kill(pid_t process, int signal)
 {
-    bool isOurs = false;
-    for (const pid_t sleeper : play->sleepers)
-        isOurs = isOurs || process == sleeper;
-    Require(isOurs, "nobody but the daemon's own children is signalled");
+    // One that has ended and has not been reaped is its own too.
+    siginfo_t state;
+    Require(process > 0 &&
+                waitid(P_PID, static_cast<id_t>(process), &state, WEXITED | WNOHANG | WNOWAIT) == 0,
+            "nobody but the daemon's own children is signalled");
     return __real_kill(process, signal);
 }
 
