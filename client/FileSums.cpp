@@ -1,10 +1,6 @@
 #include "client/FileSums.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-
-#include <unistd.h>
 
 #include "support/FileCheckSum.h"
 
@@ -23,33 +19,17 @@ void FileSums::Add(std::string_view bytes)
     }
 }
 
-void FileSums::Append(const CheckSum& following, long long length)
+int FileSums::AddBeginning(int file, long long size)
 {
-    sum_.Append(following, static_cast<unsigned long long>(length));
-    size_ += length;
+    const long long headSize = std::min<long long>(size, HeadSize);
+    if (const int error = SumUpRange(file, 0, headSize, sum_, {}))
+        return error;
+    head_ = sum_.GetValue();
+    size_ = size;
+    return SumUpRange(file, headSize, size, sum_, {});
 }
 
 FileFacts FileSums::Facts() const
 {
     return {size_, head_, sum_.GetValue()};
-}
-
-int AddBeginning(int file, long long size, FileSums& sums)
-{
-    const long long headSize = std::min<long long>(size, FileSums::HeadSize);
-    std::array<char, FileSums::HeadSize> head;
-    for (long long done = 0; done < headSize;) {
-        const ssize_t count = pread(file, head.data(), static_cast<std::size_t>(headSize - done), done);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return count < 0 ? errno : EIO;
-        sums.Add(std::string_view(head.data(), static_cast<std::size_t>(count)));
-        done += count;
-    }
-    CheckSum rest;
-    if (const int error = SumUpRange(file, headSize, size, rest, {}))
-        return error;
-    sums.Append(rest, size - headSize);
-    return 0;
 }

@@ -20,8 +20,9 @@ public:
     static constexpr std::size_t HeadSize = 16384;
 
     void Add(std::string_view bytes);
-    /** Adds so many bytes that were summed up apart, once the head is complete. */
-    void Append(const CheckSum& following, long long length);
+    /** Adds the first `size` bytes of an open file, read at their offsets, to sums of nothing yet: 0, else
+     * the error; EIO when the file is shorter. */
+    int AddBeginning(int file, long long size);
     /** Of all bytes so far. */
     FileFacts Facts() const;
 
@@ -30,7 +31,3 @@ private:
     long long size_ = 0;
     unsigned head_ = 0;
 };
-
-/** Adds the first `size` bytes of a file, read at their offsets: 0, else the error; EIO when it is shorter.
- */
-int AddBeginning(int file, long long size, FileSums& sums);

@@ -122,7 +122,7 @@ Failure GetTarget::TakeWhatIsThere()
     const off_t size = lseek(file_.Number(), 0, SEEK_END);
     if (size < 0)
         return SystemFailure("what is there cannot be measured", errno);
-    if (const int error = AddBeginning(file_.Number(), size, sums_))
+    if (const int error = sums_.AddBeginning(file_.Number(), size))
         return SystemFailure("what is there cannot be read", error);
     return {};
 }

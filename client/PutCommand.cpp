@@ -159,7 +159,7 @@ Failure Put::AnswerOffer(TransferExchange& exchange, TransferAnswer& answer)
     bool isBeginning = false;
     if (offered.size > 0 && offered.size <= source_.size) {
         FileSums beginning;
-        if (const int error = AddBeginning(source_.file.Number(), offered.size, beginning))
+        if (const int error = beginning.AddBeginning(source_.file.Number(), offered.size))
             return SystemFailure("cannot be read", error);
         const FileFacts own = beginning.Facts();
         isBeginning = own.headCheckSum == offered.headCheckSum && own.bodyCheckSum == offered.bodyCheckSum;

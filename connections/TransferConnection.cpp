@@ -20,7 +20,7 @@
 
 namespace
 {
-constexpr long HeadSize = 16384; // its check sum crosses the wire: not to be changed
+constexpr long long HeadSize = 16384; // its check sum crosses the wire: not to be changed
 
 constexpr mode_t NewFileMode = 0666; // less the umask
 
@@ -201,26 +201,22 @@ TransferConnection::SumResult TransferConnection::SumUp(const long long& size, c
         if (GetStatusBoard() != nullptr && (pace.IsDue() || done == size))
             GetStatusBoard()->Write(protocol::IntegrityProgress(done, size));
     };
-    char first[HeadSize];
-    const long headSize = static_cast<long>(std::clamp<long long>(size, 0, HeadSize));
-    const long count = file_.Read(first, static_cast<std::size_t>(headSize));
-    if (count != headSize) {
-        errno = count < 0 ? errno : EIO; // cut since it was measured
+    const auto add = [&](long long begin, long long end) {
+        const auto publishPart = [&](long long done) { publish(begin + done); };
+        errno = SumUpRange(file_.Number(), begin, end, sum, std::cref(publishPart));
+        return errno == 0;
+    };
+    const long long headSize = std::min<long long>(size, HeadSize);
+    if (!add(0, headSize))
         return SumResult::NotRead;
-    }
     if (headSize > 0) {
-        sum.Update(first, static_cast<unsigned>(headSize));
-        publish(headSize);
         head = sum.GetValue();
         if (expectedHead != nullptr && head != *expectedHead)
             return SumResult::HeadDiffers;
     }
-    const auto publishRest = [&](long long done) { publish(headSize + done); };
-    if (const int error = SumUpRange(file_.Number(), headSize, size, sum, std::cref(publishRest))) {
-        errno = error;
+    if (!add(headSize, size))
         return SumResult::NotRead;
-    }
-    if (size > headSize) {
+    if (size > 0) {
         publish(size);
         if (file_.MoveTo(size) != 0)
             return SumResult::NotRead;
