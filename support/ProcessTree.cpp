@@ -23,7 +23,7 @@ constexpr int MostMissedInARow = 8;         // looks at the orphans alone
 // A list of children that come and go may lack one that is there: where somebody was missed one quiet walk is
 // no proof yet.
 constexpr int QuietWalksAfterMiss = 4;
-constexpr int MostClosingWalks = 10; // of a search that is broken off
+constexpr long long MostClosingMilliseconds = 10; // for the last look of a search that is broken off
 // What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
 constexpr std::size_t MostPidDescriptors = 1024;
 
@@ -225,14 +225,13 @@ void ProcessTree::Search::WalkMembers(ChildrenReader& reader)
 
 void ProcessTree::Search::CloseOver()
 {
-    for (int i = 0; i < MostClosingWalks; ++i) {
+    const long long start = Clock::SteadyMilliseconds();
+    do {
+        Nap();
         grown_ = false;
         ChildrenReader reader;
         WalkMembers(reader);
-        if (!grown_ && AreAllStill())
-            return;
-        Nap();
-    }
+    } while ((grown_ || !AreAllStill()) && Clock::SteadyMilliseconds() - start < MostClosingMilliseconds);
 }
 
 bool ProcessTree::Search::AreAllStill() const
