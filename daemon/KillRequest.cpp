@@ -41,11 +41,13 @@ T* FindByNumber(QORListPtr<T>& list, int number)
 /** One number space covers both kinds of work; transfers are looked for first. */
 void RuvelServer::ServeKill(WaitingClient& client)
 {
-    CheckForLaunchedCommand(); // what has ended by itself is not killed any more
+    CheckTransfers(); // what has ended by itself is not killed any more
     int number = 0;
     const bool isNumber = QORUnicodeString(client.fields[5]).ConvertToNum(&number, "%d") != 0;
     TransferConnection* transfer = isNumber ? FindByNumber(transfers_, number) : nullptr;
     BaseConnection* command = isNumber && transfer == nullptr ? FindByNumber(commands_, number) : nullptr;
+    if (command != nullptr && HasEndedByItself(*command))
+        command = nullptr;
     const QORUnicodeString user(client.fields[2]);
     if (transfer == nullptr && command == nullptr)
         return RefuseKillOf(client, protocol::KillBadNumberLead, protocol::KillBadNumberEnd);

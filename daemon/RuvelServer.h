@@ -186,6 +186,11 @@ private:
 
     // Ending work (Endings.cpp).
     bool IsBeingEnded(const Connection& connection) const { return endings_.contains(&connection); }
+    /** It only waits to be reported: so it neither expires nor is there to be killed. */
+    bool HasEndedByItself(const BaseConnection& command) const
+    {
+        return !command.GetProcess().IsRunning() && !IsBeingEnded(command);
+    }
     template <class Work>
     void End(Work& work, EndingDemand demand);
     void EndWorkOf(BaseConnection& command, EndingDemand demand);

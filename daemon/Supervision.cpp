@@ -192,7 +192,6 @@ void RuvelServer::CheckConnectionLife()
     const long now = BaseString::GetTimeInSec();
     if (nextEndOfLife_ == 0 || now < nextEndOfLife_)
         return;
-    CheckForLaunchedCommand(); // what has ended by itself did not expire
     nextEndOfLife_ = 0;
     try {
         ExpireTransfers(now);
@@ -218,7 +217,7 @@ void RuvelServer::ExpireTransfers(long now)
 void RuvelServer::ExpireCommands(long now)
 {
     for (int i = 1; i <= commands_.Size(); ++i) {
-        if (IsBeingEnded(*commands_[i]))
+        if (IsBeingEnded(*commands_[i]) || HasEndedByItself(*commands_[i]))
             continue;
         if (commands_[i]->IsEndOfLife(now))
             EndCommand(*commands_[i], EndingCause::LifeTimeOut, protocol::CommandExpired);

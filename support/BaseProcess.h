@@ -77,6 +77,8 @@ public:
     /** Nonzero when the command has ended, with its exit code; 0 while it runs. Makes no system call: it
      * asks the table of children. Once ended it answers the same ever after. */
     int CheckForProcess(int& returnCode);
+    /** What CheckForProcess would find, without asking: false also when nothing has been started. */
+    bool IsRunning() const { return ChildTable::IsRunning(child_); }
     /** Opposite sense: 0 when the command ended within the time, with its exit code; nonzero on time-out. */
     int WaitForProcess(int& returnCode, const int& timeoutSeconds);
     /** Asks the command to terminate (`force` 0) or kills it (1). 0 when signalled or already ended. */
