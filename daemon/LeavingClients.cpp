@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 
+#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
 
@@ -12,8 +14,7 @@ void LeavingClients::Take(Connection& connection)
     if (!socket.GetBaseSocketStatus())
         return;
     // The place first: without memory for it the connection keeps its socket.
-    clients_.push_back(std::make_unique<Client>());
-    Client& client = *clients_.back();
+    Client& client = clients_.emplace_back();
     client.socket = socket;
     socket.Reset();
     client.queue = std::move(connection.GetSendQueue());
@@ -24,18 +25,22 @@ void LeavingClients::Take(Connection& connection)
 
 void LeavingClients::AddTo(Poller& poller)
 {
-    for (auto& client : clients_)
-        client->slot = poller.Add(client->socket.GetBaseSocketNumber(), client->draining ? POLLIN : POLLOUT);
+    for (Client& client : clients_)
+        client.slot = poller.Add(client.socket.GetBaseSocketNumber(), client.draining ? POLLIN : POLLOUT);
 }
 
 void LeavingClients::PushOn(const Poller& poller)
 {
     const long long now = Clock::SteadyMilliseconds();
-    std::erase_if(clients_, [&](const std::unique_ptr<Client>& client) {
-        const short events = poller.Events(client->slot);
-        client->slot = Poller::NoSlot;
-        return IsGone(*client, events, now);
-    });
+    const TurnShare share;
+    auto next = clients_.begin();
+    while (next != clients_.end() && !share.IsUsedUp()) {
+        const short events = poller.Events(next->slot);
+        next->slot = Poller::NoSlot;
+        next = IsGone(*next, events, now) ? clients_.erase(next) : std::next(next);
+    }
+    if (next != clients_.end()) // who was not come to is first in the next turn
+        clients_.splice(clients_.end(), clients_, clients_.begin(), next);
 }
 
 bool LeavingClients::IsGone(Client& client, short events, long long now)
@@ -86,21 +91,20 @@ bool LeavingClients::Drain(Client& client)
 long long LeavingClients::NextDeadline() const
 {
     long long next = Deadline::Never;
-    for (const auto& client : clients_)
-        next = Deadline::Earlier(next, client->deadline);
+    for (const Client& client : clients_)
+        next = Deadline::Earlier(next, client.deadline);
     return next;
 }
 
 void LeavingClients::AppendSocketsTo(QORListPtrBaseSocket& sockets)
 {
-    for (auto& client : clients_)
-        sockets.Append(&client->socket);
+    for (Client& client : clients_)
+        sockets.Append(&client.socket);
 }
 
 bool LeavingClients::MakeRoom()
 {
-    const auto draining =
-        std::find_if(clients_.begin(), clients_.end(), [](const auto& client) { return client->draining; });
+    const auto draining = std::find_if(clients_.begin(), clients_.end(), std::mem_fn(&Client::draining));
     if (draining == clients_.end())
         return false;
     clients_.erase(draining);

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <memory>
-#include <vector>
+#include <list>
 
 #include "connections/Connection.h"
 #include "connections/SendQueue.h"
@@ -36,7 +35,8 @@ public:
     /** Takes the connection's socket and whatever its client has not taken yet. */
     void Take(Connection& connection);
     void AddTo(Poller& poller);
-    /** Pushes on with every client that has made room, closed or used up its time. */
+    /** Pushes on with every client that has made room, closed or used up its time, as far as a turn allows.
+     */
     void PushOn(const Poller& poller);
     long long NextDeadline() const;
     bool IsEmpty() const { return clients_.empty(); }
@@ -59,5 +59,5 @@ private:
     bool IsGone(Client& client, short events, long long now);
 
     const int& stallLimit_;
-    std::vector<std::unique_ptr<Client>> clients_;
+    std::list<Client> clients_;
 };

@@ -5,6 +5,7 @@
 #include <new>
 #include <unordered_map>
 
+#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
 
@@ -53,12 +54,7 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
                                    const std::function<void()>& freeDescriptor)
 {
     const long long now = Clock::SteadyMilliseconds();
-    for (auto& client : heard_) {
-        if (client->state == State::Reading && poller.Events(client->slot) != 0)
-            Read(*client);
-        client->slot = Poller::NoSlot;
-        CheckDeadlines(*client, now);
-    }
+    ReadHeard(poller, now);
     ReadSilent(poller);
     DropSilent(now);
 
@@ -71,6 +67,21 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
         ;
 }
 
+void WaitingClients::ReadHeard(const Poller& poller, long long now)
+{
+    const TurnShare share;
+    auto next = heard_.begin();
+    for (; next != heard_.end() && !share.IsUsedUp(); ++next) {
+        WaitingClient& client = **next;
+        if (client.state == State::Reading && poller.Events(client.slot) != 0)
+            Read(client);
+        client.slot = Poller::NoSlot;
+        CheckDeadlines(client, now);
+    }
+    if (next != heard_.end()) // who was not come to is first in the next turn
+        heard_.splice(heard_.end(), heard_, heard_.begin(), next);
+}
+
 void WaitingClients::ReadSilent(const Poller& poller)
 {
     if (poller.Events(silentSlot_) == 0)
@@ -78,7 +89,8 @@ void WaitingClients::ReadSilent(const Poller& poller)
     // Whoever does not fit in is told of at the next turn.
     std::array<epoll_event, 4 * MostPerTurn> events;
     const int count = epoll_wait(silentSet_.Number(), events.data(), static_cast<int>(events.size()), 0);
-    for (int i = 0; i < count; ++i) {
+    const TurnShare share;
+    for (int i = 0; i < count && !share.IsUsedUp(); ++i) {
         auto& client = *static_cast<WaitingClient*>(events[static_cast<std::size_t>(i)].data.ptr);
         BecomeHeard(client);
         Read(client);

@@ -41,12 +41,13 @@ public:
     /** Adds the listening socket, unless accepting pauses, and everybody whose bytes are awaited. */
     void AddTo(Poller& poller, const BaseSocket& listening);
     /**
-     * Accepts up to MostPerTurn clients and reads what has arrived of every request. `freeDescriptor` is
-     * asked to close something when descriptors run out.
+     * Accepts up to MostPerTurn clients and reads what has arrived of requests, as far as a turn allows.
+     * `freeDescriptor` is asked to close something when descriptors run out.
      */
     void AcceptAndRead(const Poller& poller, BaseSocket& listening,
                        const std::function<void()>& freeDescriptor);
-    /** The client that has waited longest among those whose request is complete, or null. */
+    /** The first in line whose request is complete, or null. The line is in the order of acceptance, until
+     * more arrives at once than a turn reads: then who was read goes behind who was not. */
     WaitingClient* NextComplete();
     /** Deletes the clients that are gone; everybody else stays where it is. */
     void Sweep();
@@ -61,6 +62,7 @@ public:
     bool MakeRoom();
 
 private:
+    void ReadHeard(const Poller& poller, long long now);
     void ReadSilent(const Poller& poller);
     void DropSilent(long long now);
     void BecomeSilent(WaitingClient& client);
