@@ -181,9 +181,9 @@ void ThreadOrProcessConnection::BeginWork(void* work)
 void ThreadOrProcessConnection::RunInWorker(const Work& work)
 {
     // Signals first: an end asked for in the meantime takes effect here. Then nothing of the daemon's: its
-    // terminal group, its children, its clients.
+    // terminal, its children, its clients.
     ProcessSetup::RestoreInChild(false);
-    setpgid(0, 0);
+    setsid();
     ChildTable::Clear();
     TakeHandover(work.handover);
     WaitUntilReleased();

@@ -11,15 +11,15 @@
 
 /**
  * The base of the connections whose work is done by a worker: a process forked from the daemon that runs
- * ThreadOrProcessRoutine() on its own copy of the object and ends with its result as exit code. No thread is
- * ever used.
+ * ThreadOrProcessRoutine() on its own copy of the object and ends with its result as exit code.
  *
  * The daemon calls everything but the routine, which runs in the worker only. States: idle (worker process
  * id 0) and running; a check or wait that finds the end, or a reset, leads back to idle. The status board
  * lives from the first start to the destruction. Destruction signals and reaps nobody.
  *
- * The worker is the head of a process group of its own, so that a terminal's interrupt reaches only the
- * daemon, which decides; it holds the daemon's standard streams and its own client's socket, nothing else.
+ * The worker has a session of its own: a terminal's interrupt reaches only the daemon, which decides, and no
+ * file that a client names is the terminal that the daemon was started on. It holds the daemon's standard
+ * streams and its own client's socket, nothing else.
  */
 class ThreadOrProcessConnection : public Connection
 {

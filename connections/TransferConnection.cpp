@@ -15,6 +15,8 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -25,8 +27,25 @@ constexpr long long HeadSize = 16384; // its check sum crosses the wire: not to 
 constexpr mode_t NewFileMode = 0666; // less the umask
 
 /**
+ * Opens a file for a user whose identity was taken on. The system lets a process open again what it holds, by
+ * its own links below /proc, whoever may go where that file is; here it would be the daemon's trace. So such
+ * links are not followed.
+ */
+int OpenForUser(const char* name, int flags, mode_t mode)
+{
+    open_how how = {};
+    how.flags = static_cast<unsigned>(flags);
+    how.mode = mode;
+    how.resolve = RESOLVE_NO_MAGICLINKS;
+    const long descriptor = syscall(SYS_openat2, AT_FDCWD, name, &how, sizeof how);
+    if (descriptor < 0 && errno == ENOSYS) // before Linux 5.6
+        return open(name, flags, mode);
+    return static_cast<int>(descriptor);
+}
+
+/**
  * The system grants a process its own entries below /proc whatever its user. Here they would tell the user
- * where the daemon, whose memory the worker's is a copy of, keeps what.
+ * where the daemon, whose memory the worker's is a copy of, keeps what. Mounts and network are everybody's.
  */
 bool TellsOfThisProcess(const OpenFile& file)
 {
@@ -36,9 +55,15 @@ bool TellsOfThisProcess(const OpenFile& file)
     char name[PATH_MAX];
     const std::string link = "/proc/self/fd/" + std::to_string(file.Number());
     const ssize_t length = readlink(link.c_str(), name, sizeof name);
+    if (length < 0)
+        return true;
+    const std::string_view entry(name, static_cast<std::size_t>(length));
     const std::string own = "/" + std::to_string(getpid()) + "/";
-    return length < 0 ||
-           std::string_view(name, static_cast<std::size_t>(length)).find(own) != std::string_view::npos;
+    const std::size_t place = entry.find(own);
+    if (place == std::string_view::npos)
+        return false;
+    const std::string_view what = entry.substr(place + own.size());
+    return what != "mounts" && !what.starts_with("net/");
 }
 } // namespace
 
@@ -182,10 +207,14 @@ int TransferConnection::OpenRemoteFile(int flags)
         errno = EINVAL;
         return -1;
     }
-    file_ = OpenFile(open(remoteFile_.ConvertToChar(), flags | O_NOCTTY | O_CLOEXEC, NewFileMode));
+    const char* name = remoteFile_.ConvertToChar();
+    flags |= O_NOCTTY | O_CLOEXEC;
+    const mode_t mode = (flags & O_CREAT) != 0 ? NewFileMode : 0;
+    const bool isForUser = noImpersonation_ == 0;
+    file_ = OpenFile(isForUser ? OpenForUser(name, flags, mode) : open(name, flags, mode));
     if (!file_.IsOpen())
         return -1;
-    if (noImpersonation_ == 0 && TellsOfThisProcess(file_)) {
+    if (isForUser && TellsOfThisProcess(file_)) {
         errno = EACCES;
         return -1;
     }

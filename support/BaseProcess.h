@@ -103,9 +103,10 @@ public:
      */
     int VerifyUser(const QORUnicodeString& user, const QORUnicodeString& password);
     /**
-     * Saves the effective user id, group id and supplementary groups, then takes on those of `user`. The
-     * count is the array's capacity on entry. Mode 0 checks the password, mode 1 trusts an earlier check.
-     * For the user that the process already is there is nothing to switch. On failure nothing has changed.
+     * Saves the effective user id, group id and supplementary groups, then takes on those of `user`, without
+     * the session keyring. The count is the array's capacity on entry; groups beyond it are not saved. Mode 0
+     * checks the password, mode 1 trusts an earlier check. For the user that the process already is there is
+     * nothing to switch. On failure the identity is as it was.
      */
     int ImpersonateUser(const QORUnicodeString& user, const QORUnicodeString& password, long& savedUserId,
                         long& savedGroupId, long* savedGroups, int& savedGroupCount, const int& mode);

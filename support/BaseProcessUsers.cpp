@@ -39,18 +39,14 @@ int GoBackTo(const Identity& identity)
     return setgroups(identity.groups.size(), identity.groups.data());
 }
 
-/** The identity of now, its groups at most `capacity`; nonzero, with errno set, when it cannot be told. */
-int ReadCurrent(Identity& identity, int capacity)
+/** The identity of now; nonzero, with errno set, when it cannot be told. */
+int ReadCurrent(Identity& identity)
 {
     identity.userId = geteuid();
     identity.groupId = getegid();
     const int count = getgroups(0, nullptr);
     if (count < 0)
         return -1;
-    if (count > capacity) {
-        errno = EINVAL;
-        return -1;
-    }
     identity.groups.resize(static_cast<std::size_t>(count));
     return getgroups(count, identity.groups.data()) == count ? 0 : -1;
 }
@@ -93,20 +89,22 @@ int BaseProcess::ImpersonateUser(const QORUnicodeString& user, const QORUnicodeS
     if (Accounts::Find(user, account) != 0)
         return Fail(UserRefusedReason);
     Identity before{};
-    if (ReadCurrent(before, savedGroupCount) != 0)
+    if (ReadCurrent(before) != 0)
         return Fail(std::string("Error unable to save identity : ") + strerror(errno));
-    if (account.userId != before.userId && TakeOn({account.userId, account.groupId, account.groups}) != 0) {
-        const std::string reason = strerror(errno);
-        // Still as privileged as before, so what was changed can be changed back.
-        GoBackTo(before);
-        return Fail("Error unable to take on identity of user (" + account.name + ") : " + reason);
-    }
-    if (account.userId != before.userId)
+    if (account.userId != before.userId) {
+        ProcessSetup::LeaveKeyring();
+        if (TakeOn({account.userId, account.groupId, account.groups}) != 0) {
+            const std::string reason = strerror(errno);
+            // Still as privileged as before, so what was changed can be changed back.
+            GoBackTo(before);
+            return Fail("Error unable to take on identity of user (" + account.name + ") : " + reason);
+        }
         ProcessSetup::KeepMemoryPrivate(); // a change of identity leaves that to the system's settings
+    }
     savedUserId = before.userId;
     savedGroupId = before.groupId;
-    std::copy(before.groups.begin(), before.groups.end(), savedGroups);
-    savedGroupCount = static_cast<int>(before.groups.size());
+    savedGroupCount = std::min(savedGroupCount, static_cast<int>(before.groups.size()));
+    std::copy_n(before.groups.begin(), savedGroupCount, savedGroups);
     return 0;
 }
 

@@ -9,9 +9,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/keyctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -48,9 +46,7 @@ void TakeStandardDescriptors(const CommandChild& child)
 
 void TakeIdentity(const ChildIdentity& identity)
 {
-    // A keyring is inherited like a group: an empty one in place of the parent's. Made before the switch,
-    // so that it does not count against the user's few; systems without keyrings have nothing to inherit.
-    syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
+    ProcessSetup::LeaveKeyring();
     // Groups first: once the user id is gone, so is the right to change them.
     if (setgroups(identity.groupCount, identity.groups) != 0)
         GiveUp("supplementary groups", errno);

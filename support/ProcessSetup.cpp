@@ -7,10 +7,12 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <linux/keyctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/ChildStart.h"
@@ -138,6 +140,11 @@ void RestoreInChild(bool forCommand)
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void LeaveKeyring()
+{
+    syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
 }
 
 int CloseAllDescriptorsBut(int kept)

@@ -30,6 +30,13 @@ void KeepMemoryPrivate();
 void RestoreInChild(bool forCommand);
 
 /**
+ * Leaves the session keyring, which is inherited like a group, for a new, empty one. Made before a change of
+ * user, it does not count against the user's few. Systems without keyrings have nothing to inherit.
+ * Async-signal-safe.
+ */
+void LeaveKeyring();
+
+/**
  * Closes every descriptor from 3 up but `kept` (-1: none). All of this system's own are close-on-exec; this
  * is for what it was itself started with, and for workers. 0, or -1 on a kernel without the call (before
  * 5.9), which leaves them open. Async-signal-safe.

@@ -195,7 +195,7 @@ TEST_F(Privilege, RootsIdentityTouchesOnlyWhatIsTheSystemsAndTheDaemonsLogs)
     }
     EXPECT_TRUE(isBoundAsRoot) << "to the daemon's port for data";
     EXPECT_THAT(asUser, IsSupersetOf({"chdir " + account_.Home(), std::string("execve /bin/sh"),
-                                      "openat " + AtHome("mine"), "openat " + AtHome("roots") + " refused",
-                                      "openat " + AtHome("link") + " refused", "unlink " + AtHome("broken"),
+                                      "openat2 " + AtHome("mine"), "openat2 " + AtHome("roots") + " refused",
+                                      "openat2 " + AtHome("link") + " refused", "unlink " + AtHome("broken"),
                                       "unlink " + AtHome("expired")}));
 }

@@ -277,5 +277,11 @@ TEST(Users, ATransferReachesWhatItsUserReaches)
             EXPECT_THAT(TransferClient(daemon, order(keyword, file)).Finish(),
                         AllOf(StartsWith(refusal), HasSubstr("Permission denied")))
                 << file;
+    // The daemon's trace, and what tells of no process.
+    for (const std::string stream : {"/proc/self/fd/1", "/dev/stdout", "/proc/thread-self/fd/2"})
+        EXPECT_THAT(TransferClient(daemon, order("TRANSFERGET", stream)).Finish(), StartsWith("WRITEERROR"));
+    std::string mounts;
+    EXPECT_EQ(TransferClient(daemon, order("TRANSFERGET", "/proc/mounts")).Get(mounts), Transferred(0));
+    EXPECT_THAT(mounts, HasSubstr(" proc "));
     EXPECT_EQ(ReadFile(secret), "secret");
 }
