@@ -158,16 +158,13 @@ void LogConnection::TransferStream(BaseSocket& socket, OpenFile& log)
     if (WriteAndTrace(socket, protocol::BannerLine) != 0)
         return;
     ProgressReport progress(GetStatusBoard(), protocol::SentLead);
-    long long bytesSent = 0;
     alignas(4096) static char block[OpenFile::BlockSize]; // whole pages are copied at less cost
     long count;
-    while ((count = log.Read(block, sizeof block)) > 0) {
-        if (socket.WriteBinaryFileToBaseSocket(block, static_cast<int>(count)) == -1) {
+    while ((count = log.ReadSome(block, sizeof block)) > 0) {
+        if (progress.Send(socket, std::string_view(block, static_cast<std::size_t>(count))) != 0) {
             BaseString::PutTrace(socket.BaseSocketGetLastError(), 1);
             return;
         }
-        bytesSent += count;
-        progress.Update(bytesSent);
     }
     QORUnicodeString tail(protocol::ReturnCodeLine(returnCode_));
     if (count < 0) {
@@ -176,7 +173,7 @@ void LogConnection::TransferStream(BaseSocket& socket, OpenFile& log)
         BaseString::PutTrace(") : ", strerror(error), 1);
         tail = QORUnicodeString(protocol::LogNotRead).Append(tail);
     }
-    progress.Finish(bytesSent);
+    progress.Publish();
     WriteAndTrace(socket, tail);
 }
 

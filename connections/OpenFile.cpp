@@ -36,15 +36,23 @@ long OpenFile::Read(char* buffer, std::size_t length)
 {
     std::size_t count = 0;
     while (count < length) {
-        const ssize_t got = read(descriptor_, buffer + count, length - count);
+        const long got = ReadSome(buffer + count, length - count);
+        if (got < 0)
+            return -1;
         if (got == 0)
             break;
-        if (got < 0 && errno != EINTR)
-            return -1;
-        if (got > 0)
-            count += static_cast<std::size_t>(got);
+        count += static_cast<std::size_t>(got);
     }
     return static_cast<long>(count);
+}
+
+long OpenFile::ReadSome(char* buffer, std::size_t length)
+{
+    for (;;) {
+        const ssize_t got = read(descriptor_, buffer, length);
+        if (got >= 0 || errno != EINTR)
+            return got;
+    }
 }
 
 int OpenFile::Write(const char* buffer, std::size_t length)

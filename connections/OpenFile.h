@@ -28,6 +28,8 @@ public:
     bool IsRegular() const;
     /** Number of bytes read, fewer than `length` only at the end of the file; -1 on failure. */
     long Read(char* buffer, std::size_t length);
+    /** The same for what is there, once it is more than nothing: 0 only at the end of the file. */
+    long ReadSome(char* buffer, std::size_t length);
     /** 0 when everything was written, else -1. */
     int Write(const char* buffer, std::size_t length);
     /** 0 when the file goes on at so many bytes from its start, else -1. */

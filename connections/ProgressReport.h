@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "support/BaseSocket.h"
 #include "support/ConnectionPerfo.h"
 
 class WriterReader;
@@ -17,8 +18,9 @@ private:
 };
 
 /**
- * Publishes how far a worker has come on its status board: bytes, time and rate. Used by the worker only.
- * It can be told of each block: most updates are left out.
+ * Moves the bytes of one connection and publishes on a worker's status board how far it has come: bytes, time
+ * and rate. Used by the worker only. Most updates are left out, but none of what was there before a wait that
+ * somebody could notice.
  */
 class ProgressReport
 {
@@ -26,15 +28,20 @@ public:
     /** `board` may be null: then nothing is published. The clock starts. */
     ProgressReport(WriterReader* board, std::string_view lead);
 
-    void Update(const long long& bytes);
-    /** The last word, always published. */
-    void Finish(const long long& bytes);
+    /** As BaseSocket::WriteBinaryFileToBaseSocket: 0, or -1 on failure. */
+    int Send(BaseSocket& socket, std::string_view bytes);
+    /** As BaseSocket::ReadBinaryFileFromBaseSocketNonBlocking, into a block that holds `length` bytes. */
+    int Receive(BaseSocket& socket, char* block, const int& length, const int& timeoutSeconds);
+    /** Puts how far it has come on the board now: the last word. */
+    void Publish();
 
 private:
-    void Publish(const long long& bytes);
+    void Count(long bytes);
 
     WriterReader* board_;
     std::string_view lead_;
     ConnectionPerfo total_;
     UpdatePace pace_;
+    long long bytes_ = 0;
+    bool isBehind_ = false; // the board has not been told of all the bytes
 };

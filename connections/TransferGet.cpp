@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "connections/DataConnection.h"
 #include "connections/ProgressReport.h"
 #include "protocol/ConnectionTexts.h"
 #include "protocol/LineEnds.h"
@@ -31,6 +32,9 @@ int TransferConnection::TransferGet()
     if (Answer(protocol::TransferAnswer(keyword, dataPort_, message)) != 0 || OpenDataConnection() != 0)
         return 1;
     const int result = SendFile();
+    char unexpected; // unread it would make the close destroy what is on its way
+    if (dataSocket_.ReceiveAvailable(&unexpected, sizeof unexpected) > 0)
+        DataConnection::CloseInOrder(dataSocket_);
     dataSocket_.CloseBaseSocket();
     return result;
 }
@@ -70,21 +74,18 @@ int TransferConnection::SendFile()
     alignas(4096) static char block[OpenFile::BlockSize]; // whole pages are copied at less cost
     static char expanded[OpenFile::BlockSize];
     const std::size_t length = ascii_ != 0 ? sizeof expanded / 2 : sizeof block; // a CR before every byte
-    long long bytesSent = 0;
     long count;
-    while ((count = file_.Read(block, length)) > 0) {
+    while ((count = file_.ReadSome(block, length)) > 0) {
         std::string_view bytes(block, static_cast<std::size_t>(count));
         if (ascii_ != 0)
             bytes = {expanded, LineEnds::Expand(bytes, expanded)};
-        if (dataSocket_.WriteBinaryFileToBaseSocket(bytes.data(), static_cast<int>(bytes.size())) == -1) {
+        if (progress.Send(dataSocket_, bytes) != 0) {
             BaseString::PutTrace(dataSocket_.BaseSocketGetLastError(), 1);
             return 1;
         }
-        bytesSent += static_cast<long long>(bytes.size());
-        progress.Update(bytesSent);
     }
     if (count < 0)
         TraceFileError("Error unable to read from remote file...(", strerror(errno));
-    progress.Finish(bytesSent);
+    progress.Publish();
     return count < 0 ? 1 : 0;
 }

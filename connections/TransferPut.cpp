@@ -121,17 +121,13 @@ int TransferConnection::ReceiveBlocks()
     LineEnds::Reducer lineEnds;
     static char room[1 + OpenFile::BlockSize]; // the byte in front is for a CR that was held back
     char* block = room + 1;
-    long long bytesReceived = 0;
     int count;
-    while ((count = dataSocket_.ReadBinaryFileFromBaseSocketNonBlocking(&block, OpenFile::BlockSize,
-                                                                        DataTimeOut)) > 0) {
-        bytesReceived += count;
+    while ((count = progress.Receive(dataSocket_, block, OpenFile::BlockSize, DataTimeOut)) > 0) {
         const auto length = static_cast<std::size_t>(count);
         if (WriteToFile(ascii_ != 0 ? lineEnds.Reduce(room, length) : std::string_view(block, length)) != 0)
             return 1;
-        progress.Update(bytesReceived);
     }
-    progress.Finish(bytesReceived);
+    progress.Publish();
     if (count < 0) {
         BaseString::PutTrace(dataSocket_.BaseSocketGetLastError(), 1);
         return 1;

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/Clock.h"
 #include "support/WaitForDescriptor.h"
 
 namespace
@@ -263,6 +264,16 @@ long BaseSocket::SendAvailable(std::string_view bytes)
         return NothingYet;
     Fail(errno, "send");
     return Broken;
+}
+
+bool BaseSocket::CanReceiveWithin(const int& milliseconds) const
+{
+    return WaitForDescriptor(descriptor_, POLLIN, Clock::SteadyMilliseconds() + milliseconds) != ETIMEDOUT;
+}
+
+bool BaseSocket::CanSendWithin(const int& milliseconds) const
+{
+    return WaitForDescriptor(descriptor_, POLLOUT, Clock::SteadyMilliseconds() + milliseconds) != ETIMEDOUT;
 }
 
 void BaseSocket::ShutdownSending()

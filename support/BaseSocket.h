@@ -96,6 +96,10 @@ public:
     long ReceiveAvailable(char* buffer, std::size_t length);
     /** Bytes that the socket took (perhaps fewer than given), or an Availability. */
     long SendAvailable(std::string_view bytes);
+    /** Whether bytes, or the end, or a failure, are there to be received within so many milliseconds. */
+    bool CanReceiveWithin(const int& milliseconds) const;
+    /** Whether there is room, or a failure to be told, for what is sent. */
+    bool CanSendWithin(const int& milliseconds) const;
     /** Ends the sending side: the peer sees the end of the stream once it has read what was sent. */
     void ShutdownSending();
     /** Ends the connection for everybody who holds it; the descriptor stays open. */

@@ -234,3 +234,29 @@ TEST_F(TransferFailure, ATransferOnItsWayShowsItsStatus)
                              "\\(.+\\)\\)\n"));
     EXPECT_EQ(Ask(daemon_, KillRequest("KILLTREE", 0)), BannerLine + Terminated(0, "999") + "\n");
 }
+
+TEST_F(TransferFailure, AStatusIsNotBehindWhenNothingMoreComes)
+{
+    TransferClient put(daemon_, {.keyword = "TRANSFERPUT", .file = file_});
+    Client data = BeginPut(put);
+    data.Send(MakeContent(1'000'000)); // too soon after the first update for one of its own
+    EXPECT_TRUE(WaitUntil([&] { return Listing().find("(Receive 1000004 byte(s)") != std::string::npos; }))
+        << Listing();
+    EXPECT_EQ(getsid(Worker()), Worker()) << "it may write on the terminal of its daemon";
+    data.HalfClose();
+    EXPECT_EQ(put.Finish(), Transferred(0));
+}
+
+TEST_F(TransferFailure, WhatAPipeGivesComesAtOnce)
+{
+    ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+    TransferClient get(daemon_, {.keyword = "TRANSFERGET", .file = file_});
+    std::ofstream pipe(file_);
+    Client data = get.OpenData("WRITE");
+    pipe << "first" << std::flush;
+    EXPECT_EQ(data.ReadExactly(5), "first");
+    pipe << "then";
+    pipe.close();
+    EXPECT_EQ(data.ReadToEnd(), "then");
+    EXPECT_EQ(get.Finish(), Transferred(0));
+}
