@@ -94,18 +94,19 @@ int RuvelServer::PrepareToServe(int port, int retryNumber, int retryTime)
 }
 
 /** A worker that was just forked when its daemon was killed holds the port for another moment. */
-void RuvelServer::AwaitPort(int port) const
+void RuvelServer::AwaitPort(int port)
 {
+    if (port > BaseSocket::HighestPort)
+        return;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(static_cast<in_port_t>(port));
     const long long deadline = Clock::SteadyMilliseconds() + PortPatience;
     BaseSocket probe;
-    pollfd signals = {signalDescriptor_, POLLIN, 0};
     while (probe.Bind(address) != 0 && probe.IsLocalAddressUnavailable() &&
            !Deadline::IsPast(deadline, Clock::SteadyMilliseconds()))
-        if (poll(&signals, 1, PortPause) > 0)
+        if (IsToldToStopBy(Clock::SteadyMilliseconds() + PortPause))
             return;
 }
 

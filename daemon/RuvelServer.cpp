@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -82,10 +83,28 @@ void RuvelServer::CloseRuvelServer()
 
 int RuvelServer::RuvelServerSleep(const int& seconds)
 {
-    // The termination signals are blocked and wait on their descriptor: sleep() would not see them.
-    pollfd signals = {signalDescriptor_, POLLIN, 0};
     const long long end = Clock::SteadyMilliseconds() + 1000LL * seconds;
-    poll(&signals, 1, static_cast<int>(std::min<long long>(1000LL * seconds, INT_MAX)));
-    const long long left = end - Clock::SteadyMilliseconds();
-    return left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
+    if (!IsToldToStopBy(end))
+        return 0;
+    return static_cast<int>((end - Clock::SteadyMilliseconds() + 999) / 1000);
+}
+
+/** Waits until then, unless it is told to stop before. The termination signals are blocked and wait on their
+ * descriptor: sleep() would not see them. */
+bool RuvelServer::IsToldToStopBy(long long deadline)
+{
+    pollfd signals = {signalDescriptor_, POLLIN, 0};
+    for (long long left; (left = deadline - Clock::SteadyMilliseconds()) > 0;) {
+        if (poll(&signals, 1, static_cast<int>(std::min<long long>(left, INT_MAX))) <= 0)
+            continue;
+        // There are children even now: of whoever became this program, and orphans.
+        sigset_t childEnded;
+        sigemptyset(&childEnded);
+        sigaddset(&childEnded, SIGCHLD);
+        const timespec atOnce{};
+        if (sigtimedwait(&childEnded, nullptr, &atOnce) != SIGCHLD)
+            return true;
+        BaseProcess::CleanZombiProcess();
+    }
+    return false;
 }

@@ -72,8 +72,8 @@ public:
      * address. 0, or 1 with the reason traced and the socket closed. */
     int OpenRuvelServer(const int& firstPort, const int& extraPorts);
     void CloseRuvelServer();
-    /** Blocks the whole daemon; only between attempts to open. As sleep(): the seconds that were left when a
-     * signal came, else 0. */
+    /** Blocks the whole daemon; only between attempts to open. As sleep(): the seconds that were left when it
+     * was told to stop, else 0. */
     int RuvelServerSleep(const int& seconds);
 
     /**
@@ -107,7 +107,8 @@ private:
     // Start-up and the turn (DaemonLoop.cpp).
     void ServeOneTurn();
     int PrepareToServe(int port, int retryNumber, int retryTime);
-    void AwaitPort(int port) const;
+    void AwaitPort(int port);
+    bool IsToldToStopBy(long long deadline);
     int OpenWithRetries(int port, int retryNumber, int retryTime);
     int ProbeDataPort();
     bool IsNothingAlive() const;
