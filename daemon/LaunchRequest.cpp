@@ -4,6 +4,9 @@
 
 #include <new>
 
+#include <sys/random.h>
+#include <sys/stat.h>
+
 namespace
 {
 
@@ -11,6 +14,7 @@ namespace
 constexpr const char* NoInput = "/dev/null";
 /** The start calls take the request's window flag, which means nothing on this system. */
 constexpr int NoWindow = 0;
+constexpr long MillisecondsOfASecond = 1000;
 
 } // namespace
 
@@ -21,7 +25,7 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
     TakeSocket(client, *command);
 
     command->GetProcess().SetInputFileName(NoInput);
-    command->GetProcess().SetOutputAndErrorFileName(NextLogFileName());
+    command->GetProcess().SetOutputAndErrorFileName(NextLogFileName(!arguments.socketMode));
     // The banner goes ahead of whatever the command writes on the same socket.
     if (arguments.socketMode)
         WriteToBaseConnectionSocket(command.get(), QORUnicodeString(protocol::BannerLine), 1);
@@ -102,17 +106,28 @@ int RuvelServer::StartCommand(BaseConnection& command, const LaunchArguments& ar
 }
 
 /** Distinct for every command: the number is part of it, and the time tells one daemon's from the next's. */
-QORUnicodeString RuvelServer::NextLogFileName() const
+QORUnicodeString RuvelServer::NextLogFileName(bool isToBeMade) const
 {
     long seconds = 0;
     long milliseconds = 0;
     BaseString::GetTimeInMilliSec(seconds, milliseconds);
-    return QORUnicodeString(std::string(logDirectory_.View())
-                                .append("/")
-                                .append(std::to_string(seconds))
-                                .append("-")
-                                .append(std::to_string(milliseconds))
-                                .append("-")
-                                .append(std::to_string(connectionCount_))
-                                .append("-RuvelServer.log"));
+    const auto nameWith = [&](long fraction) {
+        return std::string(logDirectory_.View())
+            .append("/")
+            .append(std::to_string(seconds))
+            .append("-")
+            .append(std::to_string(fraction))
+            .append("-")
+            .append(std::to_string(connectionCount_))
+            .append("-RuvelServer.log");
+    };
+    std::string name = nameWith(milliseconds);
+    struct stat status = {};
+    if (isToBeMade && lstat(name.c_str(), &status) == 0) {
+        // Whoever may write there can take all names to come, but one that nobody can guess.
+        unsigned random = 0;
+        if (getrandom(&random, sizeof random, GRND_NONBLOCK) > 0)
+            name = nameWith(MillisecondsOfASecond + random);
+    }
+    return QORUnicodeString(name);
 }

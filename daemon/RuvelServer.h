@@ -154,7 +154,7 @@ private:
     CommandIndex::node_type MakeIndexEntry(BaseConnection& command);
     void TellIdentifier(BaseConnection& command);
     int StartCommand(BaseConnection& command, const LaunchArguments& arguments);
-    QORUnicodeString NextLogFileName() const;
+    QORUnicodeString NextLogFileName(bool isToBeMade) const;
     void ServeInfo(WaitingClient& client);
     void ServeAllInfo(WaitingClient& client);
     void ServeState(WaitingClient& client);
