@@ -41,6 +41,7 @@ public:
     /** The result of the password check, made before: with it the worker checks nothing again. `refusal` is
      * the reason that a refused client is told. Not called: the worker checks the credential itself. */
     void SetUserVerdict(const bool& good, const QORUnicodeString& refusal);
+    bool IsRefused() const { return verdict_ == Verdict::Refused; }
 
     /** `line` becomes the line in a listing. */
     void GetAttributes(const QORUnicodeString& prefix, QORUnicodeString& line) const;

@@ -9,11 +9,12 @@ void RuvelServer::RefuseTransfer(WaitingClient& client, std::string_view text)
            std::string(protocol::Error).append(UniversalSeparator).append(protocol::BannerLine).append(text));
 }
 
-/** Two transfers of one file exclude each other, whichever way they go. */
+/** Two transfers of one file exclude each other, whichever way they go; not one that is only being refused.
+ */
 bool RuvelServer::IsInTransfer(const QORUnicodeString& file) const
 {
     for (int i = 1; i <= transfers_.Size(); ++i)
-        if (transfers_[i]->GetSourceOrTargetFile() == file)
+        if (!transfers_[i]->IsRefused() && transfers_[i]->GetSourceOrTargetFile() == file)
             return true;
     return false;
 }
@@ -22,7 +23,8 @@ bool RuvelServer::IsInTransfer(const QORUnicodeString& file) const
 void RuvelServer::ServeTransfer(WaitingClient& client)
 {
     const TransferArguments& arguments = client.transfer;
-    if (IsInTransfer(arguments.remoteFile))
+    const bool isUserGood = noPasswordCheck_ || client.verdict == WaitingClient::Verdict::Good;
+    if (isUserGood && IsInTransfer(arguments.remoteFile))
         return RefuseTransfer(client, protocol::FileInUse);
 
     auto transfer = std::make_unique<TransferConnection>(serverAddress_, &dataAddress_);
@@ -39,8 +41,7 @@ void RuvelServer::ServeTransfer(WaitingClient& client)
     if (arguments.update)
         transfer->SetUpdateSizeAndCheckSum(arguments.updateSize, arguments.headCheckSum,
                                            arguments.bodyCheckSum);
-    transfer->SetUserVerdict(noPasswordCheck_ || client.verdict == WaitingClient::Verdict::Good,
-                             QORUnicodeString(RefusalReason(client)));
+    transfer->SetUserVerdict(isUserGood, QORUnicodeString(RefusalReason(client)));
 
     TakeSocket(client, *transfer);
     QORListPtrBaseSocket sockets = ListSocketsForWorker();
