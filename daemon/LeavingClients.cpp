@@ -21,6 +21,27 @@ void LeavingClients::Take(Connection& connection)
     client.deadline = Clock::SteadyMilliseconds() + 1000LL * stallLimit_;
     if (client.queue.IsEmpty())
         StartDraining(client);
+    else
+        DropTheSlowest();
+}
+
+/** While the answers that nobody takes are more than may be kept; the newest one is not among them. */
+void LeavingClients::DropTheSlowest()
+{
+    std::size_t pending = 0;
+    for (const Client& client : clients_)
+        pending += client.queue.GetPendingBytes();
+    while (pending > MostPendingBytes) {
+        auto slowest = clients_.end();
+        for (auto client = clients_.begin(); client != std::prev(clients_.end()); ++client)
+            if (!client->draining && (slowest == clients_.end() || client->deadline < slowest->deadline))
+                slowest = client;
+        if (slowest == clients_.end())
+            return;
+        pending -= slowest->queue.GetPendingBytes();
+        BaseString::PutTrace("Error too many answers are not taken : dropped", 1);
+        clients_.erase(slowest);
+    }
 }
 
 void LeavingClients::AddTo(Poller& poller)

@@ -26,6 +26,9 @@ class LeavingClients
 public:
     /** How long a client may take to close once it has been sent everything. */
     static constexpr long long DrainMilliseconds = 5000;
+    /** What all answers together may hold that are not taken. Beyond that whoever has taken nothing for the
+     * longest time is dropped, but for the newest: one answer may be as long as it is. */
+    static constexpr std::size_t MostPendingBytes = 64 << 20;
 
     /** `stallLimit`: seconds in which a client must take something of its answer. */
     explicit LeavingClients(const int& stallLimit) : stallLimit_(stallLimit) {}
@@ -53,6 +56,7 @@ private:
         int slot = Poller::NoSlot;
     };
 
+    void DropTheSlowest();
     void StartDraining(Client& client);
     bool Write(Client& client);
     bool Drain(Client& client);

@@ -85,3 +85,29 @@ TEST(Listing, ALogOnItsWayIsListedWithItsReturnCodeAndStatus)
         return Ask(daemon, Keyword("INFO")).find("->Found 0 active log transfer(s)") != std::string::npos;
     }));
 }
+
+TEST(Listing, AnswersThatNobodyTakesAreNotKeptWithoutEnd)
+{
+    constexpr int Commands = 60, Askers = 20; // of 156 MB, 50 of which the system keeps
+    DaemonUnderTest daemon;
+    std::vector<Client> commands, askers;
+    for (int i = 0; i < Commands; ++i) {
+        commands.push_back(daemon.Connect());
+        commands.back().Send(Launch("SOCKET", "echo; read line; : " + std::string(130'000, 'x')));
+        commands.back().ReadUntil("\n\n");
+    }
+    for (int i = 0; i < Askers; ++i) {
+        askers.push_back(daemon.Connect(4096));
+        askers.back().Send(Keyword("INFO"));
+        askers.back().ReadExactly(1);
+    }
+    EXPECT_NE(daemon.Process().Trace().find("Error too many answers are not taken : dropped"),
+              std::string::npos);
+    const std::string listing = Ask(daemon, Keyword("INFO"));
+    EXPECT_GT(listing.size(), Commands * 130'000U);
+    EXPECT_EQ(askers.back().ReadToEnd(), listing.substr(1)) << "the newest is kept";
+    for (Client& command : commands) {
+        command.Send("\n");
+        EXPECT_EQ(command.ReadToEnd(), ReturnLine(0));
+    }
+}
