@@ -9,6 +9,8 @@
 int ReportConnection::ThreadOrProcessRoutine()
 {
     alarm(static_cast<unsigned>(limitSeconds_));
+    if (Write(listing_) != 0) // before what a hung mount may keep for ever
+        return 1;
     QORListValQORUnicodeString lines;
     SystemInfo().PrintSystemInfo(lines);
     FileSystem fileSystems;
@@ -18,8 +20,12 @@ int ReportConnection::ThreadOrProcessRoutine()
         fileSystems.PrintFileSystemEntries(lines, 0, 0);
     QORUnicodeString report;
     BaseString::CreateString(report, lines, "\n");
-    listing_.Append(report).Append("\n");
-    if (GetSocket().WriteToBaseSocket(listing_) == 0)
+    return Write(report.Append("\n"));
+}
+
+int ReportConnection::Write(const QORUnicodeString& text)
+{
+    if (GetSocket().WriteToBaseSocket(text) == 0)
         return 0;
     BaseString::PutTrace(GetSocket().BaseSocketGetLastError(), 1);
     return 1;

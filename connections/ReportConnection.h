@@ -4,8 +4,8 @@
 
 /**
  * The answer to a request for everything: the listing, which the daemon has made, followed by the reports on
- * the machine. A worker gathers them, because the statistics of a hung mount may take for ever, and writes
- * the whole answer. Owned by the server until the worker has ended. It has no status board.
+ * the machine. A worker writes the listing, then gathers them, because the statistics of a hung mount may
+ * take for ever. Owned by the server until the worker has ended. It has no status board.
  *
  * There can only be so many, so that the worker is ended by an alarm when its time is over: neither a hung
  * mount nor a client that takes nothing may hold a place for good.
@@ -25,6 +25,8 @@ public:
     int ThreadOrProcessRoutine() override;
 
 private:
+    int Write(const QORUnicodeString& text);
+
     QORUnicodeString listing_;
     int limitSeconds_;
 };
