@@ -1,4 +1,5 @@
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -33,11 +34,21 @@ TEST(Board, WhoeverHoldsItHoldsUpNobody)
     const std::string file = directory.Path() + "/file", content = MakeContent(20'000'000);
     std::ofstream(file, std::ios::binary) << content;
     DaemonUnderTest daemon;
+    const Client silent = daemon.Connect();
     TransferClient get(daemon, {.keyword = "TRANSFERGET", .file = file});
     Client data = get.OpenData("WRITE");
     std::string bytes = data.ReadExactly(1'000'000);
     const std::vector<pid_t> workers = daemon.Descendants();
     ASSERT_EQ(workers.size(), 1u);
+    // Of sockets and the like it holds only its client's, its data's and the one that listened for it.
+    size_t held = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(workers[0]) + "/fd")) {
+        const std::string what = std::filesystem::read_symlink(entry);
+        held += what.starts_with("socket:") || what.starts_with("anon_inode:");
+    }
+    EXPECT_EQ(held, 3u);
+    EXPECT_EQ(getpgid(workers[0]), workers[0]);
 
     const std::vector<int> semaphores = FindSemaphoresOf({daemon.Process().Id(), workers[0]});
     ASSERT_EQ(semaphores.size(), 1u);

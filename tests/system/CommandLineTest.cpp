@@ -80,7 +80,9 @@ TEST(CommandLine, StartTracesWhoAndWhereItIs)
 
 TEST(CommandLine, UnusableLogDirectoryFallsBack)
 {
-    for (const std::string directory : {"/nowhere/at/all", "/dev/null"}) {
+    // The last one can be entered, but only root may make files in it.
+    for (const std::string directory :
+         {"/nowhere/at/all", "/dev/null", geteuid() == 0 ? "/dev/null/x" : "/usr"}) {
         DaemonUnderTest daemon({.logDirectory = directory});
         EXPECT_THAT(daemon.Process().Trace(), MatchesRegex("Error invalid log directory value \\(" +
                                                            directory + "\\) : [^\n]+\n(.|\n)*"));

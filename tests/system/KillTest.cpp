@@ -100,6 +100,9 @@ TEST(Kill, EveryWordTellsTheClientOfEveryMode)
             else
                 ASSERT_TRUE(WaitUntil(isUp));
             ASSERT_TRUE(WaitUntil([&] { return daemon.Descendants().size() == 2; }));
+            // Who is stopped has to go on before it can heed a request.
+            for (const pid_t member : daemon.Descendants())
+                kill(member, SIGSTOP);
 
             const std::string text = Killed(number, one.told, one.code);
             EXPECT_EQ(Ask(daemon, Kill(one.word, std::to_string(number))), ToKiller(text));

@@ -112,7 +112,7 @@ TEST(Run, InputAndOutputAreBinary)
     EXPECT_EQ(Control(daemon.Port(), {"run", "false"}, {.input = bytes}).code, 1);
 }
 
-TEST(Run, OutputCannotImitateItsEnd)
+TEST(Run, NoLineImitatesOrHidesItsEnd)
 {
     DaemonUnderTest daemon;
     const struct {
@@ -125,15 +125,26 @@ TEST(Run, OutputCannotImitateItsEnd)
          "x\n->Command N(1), killed\n->ProcessReturnCode = 0\n", 9},
         {"sleep 600 & echo x; exit 3", "x\n", 3},
         {"(while sleep 0.01; do echo late; done) >/dev/null & exit 4", "", 4},
-        {"kill -9 $$", "", 137},
-        // It shows the sent line, in which the mark stands; only that it ends well matters.
+        {"kill -9 $$", nullptr, 137},
+        {"exec false", "", 1},
+        {"trap 'exit 8' 0; exit 4", "", 8},
+        {"set -e; false", "", 1},
+        {"printf() { :; }; (exit 255)", "", 255},
+        {"echo 'x", nullptr, 2},
+        {" -x", nullptr, 127},
+        {"# nothing", "", 0},
+        {"", "", 0},
+        // Some show more than their own output, the last the sent line too: only how they end matters.
         {"tr '\\0' '\\n' </proc/$PPID/cmdline >/dev/null; cat /proc/$PPID/cmdline | wc -l", nullptr, 0},
     };
     for (const auto& one : cases) {
-        const ControlResult result = Control(daemon.Port(), {"run", "-c", one.line});
-        EXPECT_EQ(result.code, one.code) << one.line << result.errors;
-        if (one.output != nullptr) {
-            EXPECT_EQ(result.output, one.output) << one.line;
+        for (Words words : {Words{"run"}, Words{"run", "--merge"}}) {
+            words.insert(words.end(), {"-c", one.line});
+            const ControlResult result = Control(daemon.Port(), words);
+            EXPECT_EQ(result.code, one.code) << one.line << result.errors;
+            if (one.output != nullptr) {
+                EXPECT_EQ(result.output, one.output) << one.line;
+            }
         }
     }
     // The shell that tells the end is ended before it can.
@@ -217,6 +228,17 @@ TEST(Run, FailuresAreOneLineAnd255)
         Words arguments;
         const char* said;
     } cases[] = {
+        {{}, ""},
+        {{"walk"}, ""},
+        {{"run"}, ""},
+        {{"run", "--"}, ""},
+        {{"run", "-Z", "ls"}, ""},
+        {{"run", "-H"}, ""},
+        {{"run", "-H", "a:0", "ls"}, ""},
+        {{"run", "-H", "a:", "ls"}, ""},
+        {{"run", "-H", "a:65536", "ls"}, ""},
+        {{"run", "--timeout", "-1", "ls"}, ""},
+        {{"run", "--timeout", "5x", "ls"}, ""},
         {{"run", "-H", "127.0.0.1:1", "true"}, "no server at"},
         {{"run", "-H", "no-such-host.invalid", "true"}, "no server at"},
         {{"run", "--password-file", open, "true"}, "open to others"},

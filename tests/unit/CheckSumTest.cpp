@@ -43,13 +43,6 @@ unsigned int DivideBitwise(unsigned int state, const unsigned char* data, size_t
 }
 } // namespace
 
-TEST(CheckSum, KnownValues)
-{
-    EXPECT_EQ(CheckSumOf(""), 0U);
-    EXPECT_EQ(CheckSumOf("123456789"), 0xCBF43926U);
-    EXPECT_EQ(CheckSumOf(std::string(32, '\0')), 0x190A55ADU);
-}
-
 // Every length around the steps of the kernels, at any alignment, from any state. The buffer ends with the
 // data, so that the sanitizer sees a kernel that reads on.
 TEST(CheckSum, KernelsAgreeWithTheDefinition)
@@ -130,20 +123,4 @@ TEST(FileCheckSum, ThreadsSumUpWhatOneWould)
     EXPECT_EQ(SumUpRange(-1, 0, 5000003, sum, {}), EBADF);
     EXPECT_EQ(lseek(file, 0, SEEK_CUR), 7);
     close(file);
-}
-
-// The pieces fall on both sides of the length at which another kernel takes over.
-TEST(CheckSum, SplitsChangeNothing)
-{
-    std::mt19937 random(7);
-    const std::string bytes = RandomBytes(50000);
-    for (unsigned int longest : {1U, 300U, 16384U}) {
-        CheckSum sum;
-        for (size_t done = 0; done < bytes.size();) {
-            size_t piece = std::min<size_t>(bytes.size() - done, random() % (longest + 1));
-            sum.Update(bytes.data() + done, static_cast<unsigned int>(piece));
-            done += piece;
-        }
-        EXPECT_EQ(sum.GetValue(), CheckSumOf(bytes)) << longest;
-    }
 }

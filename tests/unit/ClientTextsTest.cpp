@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "client/Delivery.h"
-#include "client/FileSums.h"
 #include "client/GetTarget.h"
 #include "client/ProgressBar.h"
 #include "client/Terminal.h"
@@ -64,21 +63,4 @@ TEST(ClientNames, AreMadeSafely)
     EXPECT_NE(PartPathOf(std::string(254, 'x')), PartPathOf(std::string(255, 'x')));
     EXPECT_EQ(NameIn("/a/b//"), "b");
     EXPECT_EQ(NameIn("b"), "b");
-}
-
-TEST(FileSums, TheHeadEndsWhereItMustHoweverTheBytesCome)
-{
-    const std::string file = std::string(16384, 'h') + std::string(3616, 't');
-    CheckSum head;
-    head.Update(file.data(), 16384);
-    CheckSum body;
-    body.Update(file.data(), 20000);
-    for (const std::size_t piece : {1U, 7U, 16383U, 16384U, 16385U, 20000U}) {
-        FileSums sums;
-        for (std::size_t at = 0; at < file.size(); at += piece)
-            sums.Add(std::string_view(file).substr(at, piece));
-        EXPECT_EQ(sums.Facts().size, 20000);
-        EXPECT_EQ(sums.Facts().headCheckSum, head.GetValue()) << piece;
-        EXPECT_EQ(sums.Facts().bodyCheckSum, body.GetValue()) << piece;
-    }
 }

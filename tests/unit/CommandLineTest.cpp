@@ -7,12 +7,6 @@
 namespace
 {
 using Words = std::vector<std::string>;
-
-int RunProgramWith(std::vector<const char*> arguments)
-{
-    arguments.insert(arguments.begin(), "RuvelControl");
-    return RunProgram(static_cast<int>(arguments.size()), arguments.data());
-}
 } // namespace
 
 TEST(CommandLineTest, TellsOwnOptionsFromTheCommandsWords)
@@ -43,28 +37,6 @@ TEST(CommandLineTest, TellsOwnOptionsFromTheCommandsWords)
         EXPECT_EQ(parser.Words(), one.words);
         EXPECT_EQ(parser.WhoAndWhere().host.value_or(""), one.host);
         EXPECT_EQ(choice, one.choice);
-    }
-}
-
-TEST(CommandLineTest, WhatCannotBeReadEndsWithOneLineAnd255)
-{
-    const std::vector<const char*> cases[] = {{},
-                                              {"walk"},
-                                              {"run"},
-                                              {"run", "--"},
-                                              {"run", "-Z", "ls"},
-                                              {"run", "-H"},
-                                              {"run", "--batch", "-H", "a:0", "ls"},
-                                              {"run", "--batch", "-H", "a:", "ls"},
-                                              {"run", "--batch", "-H", "a:65536", "ls"},
-                                              {"run", "--timeout", "-1", "ls"},
-                                              {"run", "--timeout", "5x", "ls"}};
-    for (const auto& arguments : cases) {
-        testing::internal::CaptureStderr();
-        const int exitCode = RunProgramWith(arguments);
-        const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(exitCode, 255) << said;
-        EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
     }
 }
 

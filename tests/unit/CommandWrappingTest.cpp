@@ -1,47 +1,6 @@
 #include "client/CommandWrapping.h"
 
-#include <cstdio>
-
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-namespace
-{
-struct Ran {
-    std::string output;
-    int code;
-};
-
-/** Runs a line as the server does. */
-Ran RunShell(const std::string& line)
-{
-    FILE* const shell = popen(line.c_str(), "r");
-    Ran ran;
-    for (int byte; (byte = fgetc(shell)) != EOF;)
-        ran.output += static_cast<char>(byte);
-    ran.code = WEXITSTATUS(pclose(shell));
-    return ran;
-}
-
-const Wrapping Merged = {"0123456789abcdef", false, Wrapping::InTmp};
-} // namespace
-
-TEST(CommandWrappingTest, TellsTheCodeWhateverTheLineDoesToItsShell)
-{
-    const struct {
-        const char* line;
-        int code;
-    } cases[] = {{"exit 3", 3},        {"kill -9 $$", 137},
-                 {"exec false", 1},    {"trap 'exit 8' 0; exit 4", 8},
-                 {"set -e; false", 1}, {"printf() { :; }; (exit 255)", 255},
-                 {"echo 'x", 2},       {"", 0},
-                 {"-x", 127},          {"# nothing", 0}};
-    for (const auto& one : cases) {
-        const Ran ran = RunShell(WrapLine(Merged, one.line) + " 2>&1");
-        EXPECT_EQ(ran.code, one.code) << one.line;
-        EXPECT_TRUE(ran.output.ends_with(EndLead(Merged.mark) + std::to_string(one.code) + "\n")) << one.line;
-    }
-}
 
 TEST(CommandWrappingTest, ShowingTheSentLineShowsNoMark)
 {

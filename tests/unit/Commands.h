@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "support/BaseProcess.h"
-#include "support/Clock.h"
 #include "support/ProcessFiles.h"
 #include "support/ProcessSetup.h"
+#include "tests/system/Waiting.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,19 +24,6 @@
 /** Commands started by this test program, which is their supervisor and the reaper of their orphans. */
 namespace commands
 {
-constexpr int DeadlineSeconds = 20;
-
-inline bool WaitUntil(const std::function<bool()>& condition)
-{
-    const long long deadline = Clock::SteadyMilliseconds() + DeadlineSeconds * 1000;
-    while (!condition()) {
-        if (Clock::SteadyMilliseconds() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
-
 inline std::string ReadFile(const std::string& name)
 {
     std::ostringstream content;
@@ -44,37 +31,12 @@ inline std::string ReadFile(const std::string& name)
     return content.str();
 }
 
-constexpr rlim_t PlantedDescriptorLimit = 321;
-
-/** Once: makes this a supervisor that was itself started with everything that must not reach a command. */
-inline void BecomeOddSupervisor()
-{
-    static bool done = false;
-    if (std::exchange(done, true))
-        return;
-    for (const int signal : {SIGHUP, SIGUSR1, SIGCHLD, SIGPIPE})
-        std::signal(signal, SIG_IGN);
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR2);
-    sigaddset(&blocked, SIGRTMIN);
-    sigprocmask(SIG_BLOCK, &blocked, nullptr);
-    umask(077);
-    EXPECT_GT(open("/dev/null", O_RDWR), 2); // stays open, and not close-on-exec
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = PlantedDescriptorLimit;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    std::ofstream("/proc/self/oom_score_adj") << "-7"; // takes effect for root only
-    EXPECT_GE(ProcessSetup::BecomeSupervisor(), 0);
-}
-
 class CommandTest : public testing::Test
 {
 protected:
     CommandTest()
     {
-        BecomeOddSupervisor();
+        EXPECT_GE(ProcessSetup::BecomeSupervisor(), 0);
         std::string name = testing::TempDir() + "commandsXXXXXX";
         EXPECT_NE(mkdtemp(name.data()), nullptr);
         folder_ = std::filesystem::canonical(name);
@@ -87,18 +49,11 @@ protected:
 
     std::string Path(const std::string& name) const { return folder_ + "/" + name; }
 
-    /** Starts it as this process' own user. */
-    int Start(BaseProcess& process, const std::string& command)
-    {
-        process.SetOutputAndErrorFileName(Path("log"));
-        return process.StartBaseProcess(command, nullptr, 0, 0);
-    }
-
     /** The exit code, -1 when it did not end in time. */
     static int WaitForEnd(BaseProcess& process)
     {
         int code = -1;
-        EXPECT_EQ(process.WaitForProcess(code, DeadlineSeconds), 0);
+        EXPECT_EQ(process.WaitForProcess(code, static_cast<int>(Patience.count())), 0);
         return code;
     }
 

@@ -1,7 +1,5 @@
-#include <climits>
 #include <string>
 
-#include "connections/Connection.h"
 #include "connections/SendQueue.h"
 #include "tests/unit/Loopback.h"
 
@@ -9,34 +7,6 @@
 
 namespace
 {
-TEST(Connection, ExpiresOneSecondPastItsTimeOut)
-{
-    const struct {
-        long begin, timeOut, now;
-        int isExpired;
-        long endOfLife;
-    } Cases[] = {
-        {1000, 60, 1060, 0, 1061},
-        {1000, 60, 1061, 1, 1061},
-        {1000, 60, 0, 1, 1061}, // the present time
-        {1000, 0, LONG_MAX, 0, 0},
-        {1000, -5, LONG_MAX, 0, 0},
-        {0, 60, LONG_MAX, 0, 0},
-        {1000, LONG_MAX, LONG_MAX, 0, 0},
-        {3000000000, 2147483647, 5147483648, 1, 5147483648}, // beyond 32 bits
-    };
-    for (const auto& one : Cases) {
-        Connection connection;
-        connection.SetBeginLifeTime(one.begin);
-        connection.SetLifeTimeOut(one.timeOut);
-        EXPECT_EQ(connection.IsEndOfLife(one.now), one.isExpired) << one.begin << '+' << one.timeOut;
-        EXPECT_EQ(connection.GetEndOfLife(), one.endOfLife) << one.begin << '+' << one.timeOut;
-    }
-    Connection connection;
-    connection.SetBeginLifeTime(LONG_MAX);
-    EXPECT_EQ(connection.GetBeginDate().View(), "ErrorDate");
-}
-
 TEST(SendQueue, KeepsOrderForAClientThatDoesNotRead)
 {
     loopback::Pair pair;
@@ -66,19 +36,5 @@ TEST(SendQueue, KeepsOrderForAClientThatDoesNotRead)
     pair.server.CloseBaseSocket();
     received += loopback::ReadToEnd(pair.client);
     EXPECT_TRUE(received == given);
-}
-
-TEST(SendQueue, DropsWhatItsClientWillNeverTake)
-{
-    loopback::Pair pair;
-    SendQueue queue;
-    pair.client.CloseBaseSocket();
-    SendQueue::Result result = SendQueue::Result::Done;
-    for (int i = 0; i < 1000 && result != SendQueue::Result::Failed; ++i) {
-        queue.Append("nobody reads this");
-        result = queue.Flush(pair.server);
-    }
-    EXPECT_EQ(result, SendQueue::Result::Failed);
-    EXPECT_TRUE(queue.IsEmpty());
 }
 } // namespace

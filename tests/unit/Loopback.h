@@ -12,15 +12,6 @@ namespace loopback
 {
 constexpr int DeadlineSeconds = 20;
 
-inline sockaddr_in Address(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    return address;
-}
-
 struct Listener {
     Listener() { EXPECT_EQ(socket.OpenServerSocket(port, 50), 0); }
     /** Takes one client in; the port that it comes from, or -1. */

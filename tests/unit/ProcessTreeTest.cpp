@@ -8,8 +8,6 @@
 
 namespace
 {
-using commands::WaitUntil;
-
 class ProcessTreeTest : public commands::CommandTest
 {
 protected:
@@ -37,49 +35,9 @@ protected:
         return static_cast<std::size_t>(std::count_if(ids.begin(), ids.end(), IsAlive));
     }
 
-    static bool IsNobodyLeft()
-    {
-        return WaitUntil([] {
-            ChildTable::Reap();
-            return waitpid(-1, nullptr, WNOHANG) == -1;
-        });
-    }
-
 private:
     int logs_ = 0;
 };
-
-TEST_F(ProcessTreeTest, AForcedEndReachesWhoeverHasLeft)
-{
-    // Each of these leaves one process behind that bears witness.
-    const char* const members[] = {
-        "@ &",                                    // a child
-        "sh -c '@ & wait' &",                     // a grandchild
-        "setsid @ &",                             // of a session of its own
-        "(@ &)",                                  // an orphan
-        "(setsid @ &)",                           // an orphan of a session of its own
-        "(env -i @ &)",                           // an orphan that bears no mark
-        "(setsid sh -c '(setsid @ &)' &)",        // an orphan's orphan
-        "(sh -c '%; kill -STOP $$' &)",           // a stopped orphan
-        "sh -c 'kill -STOP $$' & @ &",            // beside a stopped one
-        "sh -c 'trap \"\" TERM HUP INT; @' &",    // deaf to requests
-        "setsid sh -c 'set -m; @ & @ & wait' & ", // two, each of a group of its own
-    };
-    BaseProcess process;
-    std::string shell;
-    for (const char* const member : members)
-        shell += std::string(member) + "\n";
-    StartTree(process, shell + "wait");
-    const std::vector<pid_t> ids = WaitForIds(std::size(members) + 1);
-    ASSERT_EQ(CountOf(ids), std::size(members) + 1);
-
-    EXPECT_EQ(process.KillBaseProcessTree(1), 0);
-    EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
-    ProcessTree tree = process.TakeProcessTree();
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-    EXPECT_EQ(CountOf(ids), 0U);
-    EXPECT_TRUE(IsNobodyLeft()) << "somebody who did not bear witness is left";
-}
 
 TEST_F(ProcessTreeTest, WhoeverTheCommandLeavesInItsSessionIsReachedWhenItHasEnded)
 {
@@ -98,20 +56,6 @@ TEST_F(ProcessTreeTest, WhoeverTheCommandLeavesInItsSessionIsReachedWhenItHasEnd
     }));
 }
 
-TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
-{
-    BaseProcess process;
-    StartTree(process, "trap '' TERM; %; exec sleep 1000");
-    const pid_t command = WaitForIds(1).at(0);
-    // Continued is only who had stopped; a busy machine may give a member no time to.
-    EXPECT_TRUE(WaitUntil([&] {
-        process.KillBaseProcessTree(0);
-        siginfo_t info{};
-        return waitid(P_PID, static_cast<id_t>(command), &info, WCONTINUED | WNOHANG) == 0 &&
-               info.si_pid == command;
-    }));
-}
-
 TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
 {
     BaseProcess process;
@@ -125,25 +69,6 @@ TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
     ProcessTree tree = process.TakeProcessTree();
     EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
     EXPECT_EQ(CountOf(ids), 0U);
-}
-
-TEST_F(ProcessTreeTest, WhoNeverStaysIsCaught)
-{
-    // One grows as fast as it can; the other always leaves a successor of another session and ends.
-    std::ofstream(Path("hop")) << Witness() << "; (setsid sh " << Path("hop") << " &)\n";
-    const std::string growing = "while :; do (setsid @ &); (setsid @ &); done";
-    const std::string hopping = "sh " + Path("hop") + "; sleep 1000";
-    for (const std::string& shell : {growing, hopping}) {
-        BaseProcess process;
-        std::filesystem::remove(Path("ids"));
-        StartTree(process, shell);
-        WaitForIds(20);
-        process.KillBaseProcessTree(1);
-        EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
-        ProcessTree tree = process.TakeProcessTree();
-        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-        EXPECT_TRUE(IsNobodyLeft());
-    }
 }
 
 TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)

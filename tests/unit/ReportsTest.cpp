@@ -10,14 +10,13 @@ namespace
 {
 constexpr unsigned long long Unknown = ~0ULL;
 
-FileSystemEntry Mounted(std::string device, std::string directory, std::string type,
-                        std::string options = "rw")
+FileSystemEntry Mounted(std::string device, std::string directory, std::string type)
 {
     mntent record{};
     record.mnt_fsname = device.data();
     record.mnt_dir = directory.data();
     record.mnt_type = type.data();
-    record.mnt_opts = options.data();
+    record.mnt_opts = const_cast<char*>("rw");
     return FileSystemEntry(&record);
 }
 
@@ -92,29 +91,6 @@ TEST(FileSystem, EveryColumnInItsPlace)
         EXPECT_EQ(FileSystem::FormatEntry(one.entry, one.counts).View(), one.text);
     FileSystemEntry longest = Mounted(std::string(5000, 'd'), "/", "ext4");
     EXPECT_EQ(FileSystem::FormatEntry(longest, BlockCounts()).View(), "->" + std::string(4093, 'd'));
-}
-
-TEST(FileSystem, LeavesOutWhatWasNotAskedForOrCannotBeHad)
-{
-    // This file system has no blocks at all, on every machine.
-    const std::string figures = "         0          0          0   -  /proc";
-    struct {
-        FileSystemEntry entry;
-        int withRemote, withIgnored;
-        std::vector<std::string> lines;
-    } cases[] = {
-        {Mounted("proc", "/proc", "proc"), 0, 0, {"->proc                         proc " + figures}},
-        {Mounted("host:/p", "/proc", "nfs"), 0, 1, {}},
-        {Mounted("host:/p", "/proc", "nfs"), 1, 0, {"->host:/p                       nfs " + figures}},
-        {Mounted("auto", "/proc", "autofs"), 1, 0, {}},
-        {Mounted("auto", "/proc", "autofs"), 0, 1, {"->auto                       autofs " + figures}},
-        {Mounted("proc", "/proc/no such directory", "proc"), 1, 1, {}},
-    };
-    for (auto& one : cases) {
-        QORListValQORUnicodeString out;
-        FileSystem().PrintFileSystemEntry(out, one.withRemote, one.withIgnored, one.entry);
-        EXPECT_EQ(Lines(out), one.lines) << one.entry.GetDevicePathName();
-    }
 }
 
 TEST(SystemInfo, ProcessorsAndOperatingSystem)

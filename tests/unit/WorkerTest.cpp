@@ -1,5 +1,4 @@
 #include <csignal>
-#include <functional>
 #include <string>
 
 #include "connections/LogConnection.h"
@@ -9,31 +8,12 @@
 #include "support/Clock.h"
 #include "tests/unit/Loopback.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace
 {
-class TestWorker : public ThreadOrProcessConnection
-{
-public:
-    explicit TestWorker(std::function<int()> routine) : routine_(std::move(routine)) {}
-    int ThreadOrProcessRoutine() override { return routine_(); }
-    int RunNothing()
-    {
-        ChildId worker;
-        int status = -1;
-        EXPECT_EQ(_InitThreadOrProcess(worker, nullptr, nullptr), 0);
-        EXPECT_EQ(_WaitThreadOrProcess(worker, status, 20), 1);
-        return status;
-    }
-
-private:
-    std::function<int()> routine_;
-};
-
 /** What a check says at last. */
 int CheckUntilEnd(ThreadOrProcessConnection& worker)
 {
@@ -68,91 +48,6 @@ TEST(WorkerStatus, TellsHowAWorkerEnded)
     }
 }
 
-TEST(Worker, IsStartedOnceAndWaitedFor)
-{
-    TestWorker worker([] { return pause(); });
-    QORListPtrBaseSocket noSockets(0);
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
-    const long processId = worker.GetWorkerProcessId();
-    EXPECT_EQ(worker.StartThreadOrProcess(noSockets), 0);
-    EXPECT_EQ(worker.GetWorkerProcessId(), processId);
-    int status = -1;
-    EXPECT_EQ(worker.WaitThreadOrProcess(status, 0), 0);
-    EXPECT_EQ(worker.TerminateThreadOrProcess(1), 0);
-    EXPECT_EQ(worker.WaitThreadOrProcess(status, 20), 1);
-    EXPECT_EQ(status, 999);
-    EXPECT_EQ(worker.RunNothing(), 111);
-
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
-    const auto forgotten = static_cast<pid_t>(worker.GetWorkerProcessId());
-    worker.ResetThreadOrProcess();
-    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(kill(forgotten, SIGKILL), 0);
-    EXPECT_EQ(waitpid(forgotten, nullptr, 0), forgotten);
-}
-
-TEST(Worker, CountsAsGoneWhenItsStatusWasTakenAway)
-{
-    TestWorker worker([] { return 0; });
-    QORListPtrBaseSocket noSockets(0);
-    ASSERT_EQ(worker.StartThreadOrProcess(noSockets), 0);
-    ChildTable::Clear();
-    int status = -1;
-    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
-    EXPECT_EQ(status, 777);
-    EXPECT_EQ(worker.CheckThreadOrProcess(status), 1);
-    EXPECT_EQ(status, 0);
-    EXPECT_GT(waitpid(-1, nullptr, 0), 0);
-}
-
-/** 0 when this process has nothing open above the standard streams but `kept`, else the descriptor. */
-int FindStrayDescriptor(int kept)
-{
-    DIR* directory = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(directory)) {
-        const int descriptor = atoi(entry->d_name);
-        if (descriptor > 2 && descriptor != kept && descriptor != dirfd(directory))
-            return descriptor;
-    }
-    return 0;
-}
-
-TEST(Worker, HoldsOnlyItsOwnClient)
-{
-    loopback::Pair own;
-    loopback::Pair others;
-    const int kept = own.server.GetBaseSocketNumber();
-    TestWorker worker([&] {
-        sigset_t blocked;
-        sigprocmask(SIG_SETMASK, nullptr, &blocked);
-        if (sigismember(&blocked, SIGTERM) != 0)
-            return 201;
-        return getpgrp() == getpid() ? FindStrayDescriptor(kept) : 202;
-    });
-    worker.GetSocket() = own.server;
-    own.server.Reset();
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGTERM);
-    sigprocmask(SIG_BLOCK, &blocked, &before);
-    QORListPtrBaseSocket sockets(0);
-    sockets.Append(nullptr);
-    sockets.Append(&others.server);
-    ASSERT_EQ(worker.StartThreadOrProcess(sockets), 0);
-    EXPECT_EQ(CheckUntilEnd(worker), 0);
-    sigprocmask(SIG_SETMASK, &before, nullptr);
-
-    // What the worker closed was its own.
-    for (auto [from, to] :
-         {std::pair(&worker.GetSocket(), &own.client), std::pair(&others.server, &others.client)}) {
-        QORUnicodeString text;
-        EXPECT_EQ(from->WriteToBaseSocket("still open"), 0);
-        EXPECT_EQ(to->ReadFromBaseSocketNonBlocking(text, loopback::DeadlineSeconds), 0);
-        EXPECT_EQ(text.View(), "still open");
-    }
-}
 TEST(Worker, OfAReportEndsWhenNobodyTakesIt)
 {
     loopback::Pair pair;

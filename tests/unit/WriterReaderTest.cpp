@@ -37,28 +37,6 @@ void Kill(pid_t child)
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
-TEST(WriterReader, HoldsWhatFits)
-{
-    WriterReader board(16);
-    ASSERT_EQ(board.GetStatus(), 0);
-    QORUnicodeString text("left from before");
-    EXPECT_EQ(board.Read(text), 0);
-    EXPECT_EQ(text.View(), "");
-    const struct {
-        const char* given;
-        const char* kept;
-    } Cases[] = {{"sent 1", "sent 1"},
-                 {"123456789012345", "123456789012345"},
-                 {"1234567890123456", "123456789012345"},
-                 {"", ""}};
-    for (const auto& one : Cases) {
-        const int length = static_cast<int>(std::string(one.kept).size());
-        EXPECT_EQ(board.Write(one.given), length);
-        EXPECT_EQ(board.Read(text), length);
-        EXPECT_EQ(text.View(), one.kept);
-    }
-}
-
 TEST(WriterReader, RemovesOnlyWhatTheDeadHaveLeft)
 {
     // Whose set it is, is known from who set its values.
@@ -90,15 +68,6 @@ TEST(WriterReader, RemovesOnlyWhatTheDeadHaveLeft)
     WriterReader::RemoveAbandoned();
     EXPECT_FALSE(stands(sets[1]));
     EXPECT_EQ(semctl(sets[2], 0, IPC_RMID), 0);
-}
-
-TEST(WriterReader, IsUnusableWithoutASize)
-{
-    WriterReader board(0);
-    QORUnicodeString text;
-    EXPECT_EQ(board.GetStatus(), -1);
-    EXPECT_EQ(board.Write("text"), 0);
-    EXPECT_EQ(board.Read(text), 0);
 }
 
 TEST(WriterReader, OutlivesAWriterThatDiesHoldingIt)
