@@ -66,9 +66,9 @@ TEST(CommandLine, HelpIsTheUsageAndNothingElse)
     }
 }
 
-TEST(CommandLine, StartTracesWhoAndWhereItIs)
+TEST(CommandLine, StartTracesWhoAndWhereItIsWhateverElseIsAsked)
 {
-    DaemonUnderTest daemon;
+    DaemonUnderTest daemon({.furtherArguments = {"-nosuch", "stray", "-Port", "1", "-retrytime"}});
     const std::string port = std::to_string(daemon.Port());
     EXPECT_THAT(daemon.Address(), MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\\.[0-9]+"));
     EXPECT_EQ(daemon.Process().Trace(), "RuvelServer V1.8.3 January 27, 2005 (Unix)\n"
@@ -88,12 +88,6 @@ TEST(CommandLine, UnusableLogDirectoryFallsBack)
                                                            directory + "\\) : [^\n]+\n(.|\n)*"));
         EXPECT_EQ(Ask(daemon, Launch("SOCKET", "echo $RUVELSERVER_TMP")), Finished("/tmp\n", 0));
     }
-}
-
-TEST(CommandLine, UnknownArgumentsAreIgnored)
-{
-    DaemonUnderTest daemon({.furtherArguments = {"-nosuch", "stray", "-Port", "1", "-retrytime"}});
-    EXPECT_EQ(Ask(daemon, "hello"), BannerLine + std::string("->Error message not recognized\n"));
 }
 
 TEST(CommandLine, ABusyPortIsTriedAsOftenAsAsked)

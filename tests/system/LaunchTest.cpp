@@ -61,24 +61,6 @@ TEST(Launch, EveryFormGivesBannerOutputAndReturnLine)
     EXPECT_THAT(answer, EndsWith("\n" + ReturnLine(127)));
 }
 
-TEST(Launch, TheInteractiveFormsRunKornShellOnTheSocket)
-{
-    DaemonUnderTest daemon;
-    for (const std::string& request : {
-             As("RuvelControl V1.6", "false|SOCKET|NOWINDOW|INTERACTIVE"),
-             As("RuvelControl V1.9", "|SOCKET|WINDOW|INTERACTIVE"),
-             As("RuvelControl V1.7", "false|SOCKET|NOWINDOW|INTERACTIVE|600"),
-         }) {
-        Client client = daemon.Connect();
-        client.Send(request);
-        EXPECT_EQ(client.ReadUntil("\n"), BannerLine) << request;
-        client.Send("echo $0\n");
-        EXPECT_EQ(client.ReadUntil("\n"), "/bin/ksh\n");
-        client.Send("print -- from ksh; exit 7\n");
-        EXPECT_EQ(client.ReadToEnd(), "from ksh\n" + ReturnLine(7));
-    }
-}
-
 TEST(Launch, EveryReturnCodeArrives)
 {
     DaemonUnderTest daemon;

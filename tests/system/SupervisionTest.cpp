@@ -1,6 +1,3 @@
-#include <csignal>
-#include <memory>
-
 #include <gtest/gtest.h>
 
 #include "tests/system/DaemonUnderTest.h"
@@ -28,21 +25,6 @@ TEST(Supervision, AnExpiredCommandIsReportedInEveryMode)
     EXPECT_EQ("ID|" + collector.Accept().ReadToEnd(), answer + BannerLine + ended);
 }
 
-TEST(Supervision, OnlyTheExpiredOneEnds)
-{
-    DaemonUnderTest daemon;
-    Client unlimited = daemon.Connect(), longer = daemon.Connect();
-    unlimited.Send(Launch("SOCKET", "read line; echo $line; exit 1", "0"));
-    longer.Send(Launch("SOCKET", "read line; echo $line; exit 2", "1000"));
-    EXPECT_EQ(Ask(daemon, Launch("SOCKET", "exit 3", "1")), Finished("", 3));
-    EXPECT_EQ(Ask(daemon, Launch("SOCKET", "trap 'exit 9' TERM; sleep 1000 & wait", "1")),
-              BannerLine + (Expired + ReturnLine(9)));
-    unlimited.Send("still\n");
-    longer.Send("here\n");
-    EXPECT_EQ(unlimited.ReadToEnd(), Finished("still\n", 1));
-    EXPECT_EQ(longer.ReadToEnd(), Finished("here\n", 2));
-}
-
 TEST(Supervision, AClientThatVanishesDoesNotStopSupervision)
 {
     DaemonUnderTest daemon;
@@ -63,20 +45,24 @@ TEST(Supervision, AClientThatVanishesDoesNotStopSupervision)
     EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty() && daemon.LogFiles().empty(); }));
 }
 
-TEST(Supervision, CommandsWhoseClientsDoNotReadDelayNobody)
+TEST(Supervision, WhatIgnoresItsTerminationIsKilledAfterItsLimitAndDelaysNobody)
 {
-    DaemonUnderTest daemon;
-    std::vector<std::unique_ptr<Client>> idle;
-    for (int i = 0; i < 5; ++i) {
-        idle.push_back(std::make_unique<Client>(daemon.Port(), daemon.Conversation(), 4096));
-        idle.back()->Send(Launch("SOCKET", "exec yes"));
-        idle.push_back(std::make_unique<Client>(daemon.Port(), daemon.Conversation(), 4096));
-        idle.back()->Send(Launch("NOSOCKET", "seq 1 2000000"));
-    }
-    for (const std::unique_ptr<Client>& client : idle)
-        client->ReadUntil(BannerLine);
+    DaemonUnderTest daemon({.shortLadders = true});
+    Client stubborn = daemon.Connect(), parted = daemon.Connect();
+    // One whose shell stays, and one whose shell goes at once and leaves members that do not.
+    stubborn.Send(Launch("SOCKET",
+                         "trap '' TERM; setsid sh -c 'while :; do sleep 1; done' & "
+                         "echo up; while :; do sleep 1; done",
+                         "1"));
+    parted.Send(Launch(
+        "SOCKET", "(trap '' TERM; setsid sh -c 'while :; do sleep 1; done' & ) ; echo up; exec sleep 1000",
+        "1"));
+    EXPECT_EQ(stubborn.ReadUntil("up\n"), BannerLine + std::string("up\n"));
+    EXPECT_EQ(parted.ReadUntil("up\n"), BannerLine + std::string("up\n"));
+    EXPECT_EQ(parted.ReadToEnd(), Expired + ReturnLine(143));
+    EXPECT_FALSE(daemon.Descendants().empty());
     EXPECT_EQ(Ask(daemon, Launch("SOCKET", "exit 3")), Finished("", 3));
-    EXPECT_EQ(Ask(daemon, Launch("NOSOCKET", "exit 4")), Finished("", 4));
-    for (const std::unique_ptr<Client>& client : idle)
-        client->Reset();
+    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
+    EXPECT_EQ(stubborn.ReadToEnd(), Expired + ReturnLine(137));
+    EXPECT_TRUE(FindZombiesOf(daemon.Process().Id()).empty());
 }

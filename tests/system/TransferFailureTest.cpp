@@ -86,53 +86,41 @@ TEST_F(TransferFailure, TheSystemsReasonIsTold)
     EXPECT_EQ(access(file_.c_str(), F_OK), 0);
 }
 
-/** The transfer fails for its client in the middle; what becomes of the file. */
-TEST_F(TransferFailure, AClientThatVanishesFailsItsTransfer)
+/** In the middle its data connection goes, or, as when its process is killed, both go at once. */
+TEST_F(TransferFailure, AClientThatVanishesFailsItsTransferAndLeavesNothing)
 {
     const struct {
-        const char* keyword;
-        bool passive, isKept;
-    } Puts[] = {
-        {"TRANSFERPUT", false, false}, {"TRANSFERPUT", true, false}, {"TRANSFERUPDATEPUT", false, true}};
-    for (const auto& one : Puts) {
-        const bool isUpdate = one.isKept;
-        std::remove(file_.c_str());
-        TransferClient put(daemon_, {.keyword = one.keyword, .file = file_, .passive = one.passive});
-        BeginPut(put).Reset();
-        const std::string message = isUpdate ? "->Warning unable to open remote file...(" + file_ +
-                                                   ") : No such file or directory\n" + Off
-                                             : "";
-        EXPECT_EQ(put.Finish(), Transferred(1, message));
-        EXPECT_EQ(access(file_.c_str(), F_OK) == 0, one.isKept) << one.keyword;
-    }
-    // Longer than all buffers between the two.
-    WriteFile("x");
-    ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0);
-    TransferClient get(daemon_, {.keyword = "TRANSFERGET", .file = file_});
-    Client data = get.OpenData("WRITE");
-    data.ReadExactly(1);
-    data.Reset();
-    EXPECT_EQ(get.Finish(), Transferred(1));
-}
-
-/** As when its process is killed: every connection goes at once. */
-TEST_F(TransferFailure, AKilledClientLeavesNothingBehind)
-{
+        std::string keyword;
+        bool passive, isKilled, isKept;
+    } Cases[] = {
+        {"TRANSFERPUT", false, false, false},      {"TRANSFERPUT", true, false, false},
+        {"TRANSFERUPDATEPUT", false, false, true}, {"TRANSFERGET", false, false, true},
+        {"TRANSFERPUT", false, true, false},       {"TRANSFERGET", false, true, true},
+    };
+    const std::string missing =
+        "->Warning unable to open remote file...(" + file_ + ") : No such file or directory\n" + Off;
     const size_t before = CountDescriptorsOf(daemon_.Process().Id());
-    for (const char* keyword : {"TRANSFERPUT", "TRANSFERGET"}) {
-        WriteFile("");
-        ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0);
-        const bool isPut = keyword == std::string("TRANSFERPUT");
+    for (const auto& one : Cases) {
+        const bool isGet = one.keyword == "TRANSFERGET";
+        std::remove(file_.c_str());
+        if (isGet) {
+            WriteFile("x");
+            ASSERT_EQ(truncate(file_.c_str(), 1LL << 30), 0); // longer than all buffers between the two
+        }
         {
-            TransferClient client(daemon_, {.keyword = keyword, .file = file_});
-            Client data = isPut ? BeginPut(client) : client.OpenData("WRITE");
-            client.Control().Reset();
+            TransferClient client(daemon_, {.keyword = one.keyword, .file = file_, .passive = one.passive});
+            Client data = isGet ? client.OpenData("WRITE") : BeginPut(client);
+            if (one.isKilled)
+                client.Control().Reset();
             data.Reset();
+            if (!one.isKilled) {
+                EXPECT_EQ(client.Finish(), Transferred(1, one.keyword == "TRANSFERUPDATEPUT" ? missing : ""));
+            }
         }
         EXPECT_TRUE(WaitUntil([&] { return daemon_.Descendants().empty(); }));
         EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(daemon_.Process().Id()) == before; }));
         EXPECT_THAT(Listing(), HasSubstr("->Found 0 active file transfer(s)\n"));
-        EXPECT_EQ(access(file_.c_str(), F_OK) != 0, isPut);
+        EXPECT_EQ(access(file_.c_str(), F_OK) == 0, one.isKept) << one.keyword;
     }
     // One that goes before it has even replied to an offer.
     WriteFile("kept");

@@ -67,21 +67,6 @@ TEST_F(Transfer, LineEndsAreConverted)
     EXPECT_EQ(bytes, "a\r\nb\r\r\n\r\n" + filler + "\r\n");
 }
 
-/** The pair arrives in two pieces, the second only when the daemon is known to have taken the first. */
-TEST_F(Transfer, ALineEndInTwoPiecesIsConverted)
-{
-    TransferClient put(daemon_, {.keyword = "TRANSFERPUT", .file = file_, .mode = "ASCII"});
-    {
-        Client data = put.OpenData("READ");
-        data.Send("a\r");
-        EXPECT_TRUE(WaitUntil([&] { return ReadFile(file_) == "a"; }));
-        data.Send("\nb\r");
-        EXPECT_TRUE(WaitUntil([&] { return ReadFile(file_) == "a\nb"; }));
-    }
-    EXPECT_EQ(put.Finish(), Transferred(0));
-    EXPECT_EQ(ReadFile(file_), "a\nb\r");
-}
-
 TEST_F(Transfer, AnInterruptedGetIsContinued)
 {
     const std::string content = MakeContent(5000000);
