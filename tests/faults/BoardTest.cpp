@@ -1,7 +1,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
@@ -9,22 +8,6 @@
 
 #include "tests/system/SystemFacts.h"
 #include "tests/system/TransferClient.h"
-
-namespace
-{
-/** The semaphores that one of these processes was the last to use. */
-std::vector<int> FindSemaphoresOf(const std::set<pid_t>& users)
-{
-    std::vector<int> found;
-    std::ifstream semaphores("/proc/sysvipc/sem");
-    std::string line;
-    std::getline(semaphores, line);
-    for (long key, id; semaphores >> key >> id; std::getline(semaphores, line))
-        if (users.contains(semctl(static_cast<int>(id), 0, GETPID)))
-            found.push_back(static_cast<int>(id));
-    return found;
-}
-} // namespace
 
 /** Any local user may take the semaphore of a transfer's board, and keep it; a worker may stop while it holds
  * it. Neither holds up the daemon, and the one whose semaphore it is goes on as well. */

@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <fstream>
-#include <stdexcept>
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -57,31 +55,11 @@ private:
     const TestAccount* account_;
 };
 
-/** Its own System V objects and their limits, for this test and the daemons that it starts. */
-class PrivateObjects
+void SetObjectLimit(const char* name, const char* value)
 {
-public:
-    PrivateObjects() : outside_(open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC))
-    {
-        if (outside_ < 0 || unshare(CLONE_NEWIPC) != 0)
-            throw std::runtime_error("unshare");
-    }
-    PrivateObjects(const PrivateObjects&) = delete;
-    PrivateObjects& operator=(const PrivateObjects&) = delete;
-    ~PrivateObjects()
-    {
-        EXPECT_EQ(setns(outside_, CLONE_NEWIPC), 0);
-        close(outside_);
-    }
-    static void SetLimit(const char* name, const char* value)
-    {
-        std::ofstream limit(std::string("/proc/sys/kernel/") + name);
-        EXPECT_TRUE(limit << value << std::flush) << name;
-    }
-
-private:
-    int outside_;
-};
+    std::ofstream limit(std::string("/proc/sys/kernel/") + name);
+    EXPECT_TRUE(limit << value << std::flush) << name;
+}
 
 void ExpectService(DaemonUnderTest& daemon)
 {
@@ -91,8 +69,9 @@ void ExpectService(DaemonUnderTest& daemon)
 
 [[maybe_unused]] std::size_t AddressSpaceOf(pid_t process)
 {
-    const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
-    return std::stoul(status.substr(status.find("VmSize:") + 7)) * 1024;
+    std::size_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> pages;
+    return pages * static_cast<std::size_t>(getpagesize());
 }
 
 /** The whole answer, or word of an error, or a closed connection before the answer is whole. */
@@ -176,18 +155,19 @@ TEST(ExhaustionAsRoot, Processes)
 TEST(ExhaustionAsRoot, SegmentsAndSemaphores)
 {
     const TestDirectory directory;
-    const PrivateObjects objects;
+    // System V objects and limits of its own, for this process and the daemons that it starts.
+    ASSERT_EQ(unshare(CLONE_NEWIPC), 0);
     DaemonUnderTest daemon;
     const std::string file = directory.Path() + "/file", content = MakeContent(1'000'000);
     for (const char* limits : {"32000 1024000000 500 0", "32000 1024000000 500 32000"}) {
-        PrivateObjects::SetLimit("sem", limits);
-        PrivateObjects::SetLimit("shmmni", "0");
+        SetObjectLimit("sem", limits);
+        SetObjectLimit("shmmni", "0");
         ExpectService(daemon);
         TransferClient put(daemon, {.keyword = "TRANSFERPUT", .file = file});
         EXPECT_EQ(put.Put(content), Transferred(0));
         EXPECT_TRUE(ReadFile(file) == content);
     }
-    PrivateObjects::SetLimit("shmmni", "4096");
+    SetObjectLimit("shmmni", "4096");
     TransferClient get(daemon, {.keyword = "TRANSFERGET", .file = file});
     std::string bytes;
     EXPECT_EQ(get.Get(bytes), Transferred(0));

@@ -16,22 +16,6 @@ bool IsLongForm()
     return getenv("RUVEL_TORTURE") != nullptr;
 }
 
-Preloading::Preloading(const std::string& planFile)
-{
-    const auto library = std::filesystem::read_symlink("/proc/self/exe").parent_path() / RUVEL_FAULT_LIBRARY;
-    setenv("LD_PRELOAD", library.c_str(), 1);
-    setenv(faults::PlanVariable, planFile.c_str(), 1);
-    // The sanitizers ask to be loaded first; behind a library that only passes calls on they do as well.
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-}
-
-Preloading::~Preloading()
-{
-    unsetenv("LD_PRELOAD");
-    unsetenv(faults::PlanVariable);
-    unsetenv("ASAN_OPTIONS");
-}
-
 FaultInjection::FaultInjection()
 {
     const std::string file = directory_.Path() + "/plan";
@@ -74,8 +58,12 @@ long FaultInjection::CountOf(faults::Place place, std::size_t kind) const
     return plan_->counts[static_cast<std::size_t>(place)][kind];
 }
 
-std::unique_ptr<DaemonUnderTest> FaultInjection::StartDaemon(const DaemonOptions& options)
+std::unique_ptr<DaemonUnderTest> FaultInjection::StartDaemon(DaemonOptions options)
 {
-    const Preloading preloading(directory_.Path() + "/plan");
+    const auto library = std::filesystem::read_symlink("/proc/self/exe").parent_path() / RUVEL_FAULT_LIBRARY;
+    // The sanitizers ask to be loaded first; behind a library that only passes calls on they do as well.
+    options.environment = {"LD_PRELOAD=" + library.string(),
+                           std::string(faults::PlanVariable) + "=" + directory_.Path() + "/plan",
+                           "ASAN_OPTIONS=verify_asan_link_order=0"};
     return std::make_unique<DaemonUnderTest>(options);
 }

@@ -26,19 +26,10 @@ public:
     void Disarm() { plan_->isArmed = false; }
     long CountOf(faults::Place place, std::size_t kind) const;
 
-    std::unique_ptr<DaemonUnderTest> StartDaemon(const DaemonOptions& options = {});
+    /** With the library loaded into it. */
+    std::unique_ptr<DaemonUnderTest> StartDaemon(DaemonOptions options = {});
 
 private:
     TestDirectory directory_;
     faults::Plan* plan_;
-};
-
-/** While it stands, the library is loaded into every program that this process executes. */
-class Preloading
-{
-public:
-    explicit Preloading(const std::string& planFile);
-    Preloading(const Preloading&) = delete;
-    Preloading& operator=(const Preloading&) = delete;
-    ~Preloading();
 };

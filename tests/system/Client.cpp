@@ -31,12 +31,18 @@ sockaddr_in LoopbackAddress(int port)
     return address;
 }
 
-int MakeSocket()
+FileDescriptor MakeSocket()
 {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0)
+    FileDescriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!made.IsOpen())
         Fail("socket: ");
-    return descriptor;
+    return made;
+}
+
+bool HasInput(const FileDescriptor& descriptor, const Deadline& deadline)
+{
+    pollfd waiting{descriptor.Number(), POLLIN, 0};
+    return poll(&waiting, 1, deadline.MillisecondsLeft()) != 0;
 }
 
 std::string Quote(std::string_view bytes)
@@ -60,43 +66,30 @@ void Dialogue::Record(int connection, std::string_view what, std::string_view by
 }
 
 Client::Client(int port, Dialogue& dialogue, int receiveBufferBytes)
-    : descriptor_(MakeSocket()), dialogue_(dialogue)
+    : connection_(MakeSocket()), dialogue_(dialogue)
 {
     if (receiveBufferBytes > 0)
-        setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof receiveBufferBytes);
+        setsockopt(connection_.Number(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes,
+                   sizeof receiveBufferBytes);
     const int on = 1;
-    setsockopt(descriptor_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(connection_.Number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const sockaddr_in address = LoopbackAddress(port);
-    if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const int reason = errno;
-        close(descriptor_);
-        errno = reason;
+    if (connect(connection_.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         Fail("connect: ");
-    }
 }
 
-Client::Client(Dialogue& dialogue, int descriptor) : descriptor_(descriptor), dialogue_(dialogue) {}
-
-Client::Client(Client&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)),
-      dialogue_(other.dialogue_),
-      arrived_(std::move(other.arrived_))
+Client::Client(Dialogue& dialogue, FileDescriptor connection)
+    : connection_(std::move(connection)), dialogue_(dialogue)
 {
-}
-
-Client::~Client()
-{
-    if (descriptor_ >= 0)
-        close(descriptor_);
 }
 
 void Client::Send(std::string_view bytes)
 {
-    dialogue_.Record(descriptor_, "-> ", bytes);
+    dialogue_.Record(connection_.Number(), "-> ", bytes);
     while (!bytes.empty()) {
-        const ssize_t sent = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = send(connection_.Number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent < 0) {
-            dialogue_.Record(descriptor_, "could not send: ", strerror(errno));
+            dialogue_.Record(connection_.Number(), "could not send: ", strerror(errno));
             return;
         }
         bytes.remove_prefix(static_cast<size_t>(sent));
@@ -105,35 +98,34 @@ void Client::Send(std::string_view bytes)
 
 void Client::HalfClose()
 {
-    dialogue_.Record(descriptor_, "-> (end)");
-    shutdown(descriptor_, SHUT_WR);
+    dialogue_.Record(connection_.Number(), "-> (end)");
+    shutdown(connection_.Number(), SHUT_WR);
 }
 
 void Client::Reset()
 {
-    dialogue_.Record(descriptor_, "-> (reset)");
+    dialogue_.Record(connection_.Number(), "-> (reset)");
     const linger atOnce{1, 0};
-    setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    close(std::exchange(descriptor_, -1));
+    setsockopt(connection_.Number(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    connection_ = FileDescriptor();
 }
 
 Client::Arrival Client::ReceiveMore(const Deadline& deadline)
 {
-    pollfd waiting{descriptor_, POLLIN, 0};
-    if (poll(&waiting, 1, deadline.MillisecondsLeft()) == 0)
+    if (!HasInput(connection_, deadline))
         return Arrival::Late;
     char buffer[65536];
-    const ssize_t count = recv(descriptor_, buffer, sizeof buffer, 0);
+    const ssize_t count = recv(connection_.Number(), buffer, sizeof buffer, 0);
     if (count < 0) {
-        dialogue_.Record(descriptor_, "<- (", strerror(errno));
+        dialogue_.Record(connection_.Number(), "<- (", strerror(errno));
         return Arrival::Reset;
     }
     if (count == 0) {
-        dialogue_.Record(descriptor_, "<- (end)");
+        dialogue_.Record(connection_.Number(), "<- (end)");
         return Arrival::End;
     }
     arrived_.append(buffer, static_cast<size_t>(count));
-    dialogue_.Record(descriptor_, "<- ", {buffer, static_cast<size_t>(count)});
+    dialogue_.Record(connection_.Number(), "<- ", {buffer, static_cast<size_t>(count)});
     return Arrival::Bytes;
 }
 
@@ -144,108 +136,103 @@ std::string Client::Take(size_t bytes)
     return taken;
 }
 
-std::string Client::ReadUntil(std::string_view text)
+template <class Condition>
+Client::Arrival Client::Receive(Condition isEnough)
 {
     const Deadline deadline;
-    size_t from = 0, found = 0;
-    while ((found = arrived_.find(text, from)) == std::string::npos) {
+    Arrival arrival = Arrival::Bytes;
+    while (arrival == Arrival::Bytes && !isEnough())
+        arrival = ReceiveMore(deadline);
+    return arrival;
+}
+
+size_t Client::Receive(std::string_view text, Arrival& arrival)
+{
+    size_t from = 0, found = std::string::npos;
+    arrival = Receive([&] {
+        found = text.empty() ? std::string::npos : arrived_.find(text, from);
         from = arrived_.size() > text.size() ? arrived_.size() - text.size() : 0;
-        if (ReceiveMore(deadline) != Arrival::Bytes) {
-            ADD_FAILURE() << "no \"" << text << "\" came";
-            return Take(arrived_.size());
-        }
-    }
-    return Take(found + text.size());
+        return found != std::string::npos;
+    });
+    return found == std::string::npos ? arrived_.size() : found + text.size();
+}
+
+std::string Client::ReadUntil(std::string_view text)
+{
+    Arrival arrival;
+    const size_t end = Receive(text, arrival);
+    EXPECT_TRUE(arrival == Arrival::Bytes) << "no \"" << text << "\" came";
+    return Take(end);
+}
+
+std::string Client::ReadUntilOrEnd(std::string_view text)
+{
+    Arrival arrival;
+    const size_t end = Receive(text, arrival);
+    EXPECT_TRUE(arrival != Arrival::Late) << "neither \"" << text << "\" nor the end came";
+    return Take(end);
 }
 
 std::string Client::ReadExactly(size_t bytes)
 {
-    const Deadline deadline;
-    while (arrived_.size() < bytes) {
-        if (ReceiveMore(deadline) != Arrival::Bytes) {
-            ADD_FAILURE() << "only " << arrived_.size() << " of " << bytes << " bytes came";
-            break;
-        }
-    }
+    EXPECT_TRUE(Receive([&] { return arrived_.size() >= bytes; }) == Arrival::Bytes)
+        << "only " << arrived_.size() << " of " << bytes << " bytes came";
     return Take(bytes);
 }
 
 std::string Client::ReadToEnd()
 {
-    const Deadline deadline;
-    Arrival arrival = Arrival::Bytes;
-    while (arrival == Arrival::Bytes)
-        arrival = ReceiveMore(deadline);
+    const Arrival arrival = Receive([] { return false; });
     EXPECT_TRUE(arrival == Arrival::End)
         << (arrival == Arrival::Reset ? "the stream was reset" : "the stream did not end");
-    close(std::exchange(descriptor_, -1));
+    connection_ = FileDescriptor();
     return Take(arrived_.size());
-}
-
-std::string Client::ReadUntilOrEnd(std::string_view text)
-{
-    const Deadline deadline;
-    Arrival arrival = Arrival::Bytes;
-    size_t found = std::string::npos;
-    const auto search = [&] { return text.empty() ? std::string::npos : arrived_.find(text); };
-    while (arrival == Arrival::Bytes && (found = search()) == std::string::npos)
-        arrival = ReceiveMore(deadline);
-    EXPECT_TRUE(arrival != Arrival::Late) << "neither \"" << text << "\" nor the end came";
-    return Take(found == std::string::npos ? arrived_.size() : found + text.size());
 }
 
 void Client::ExpectDropped()
 {
     const Arrival arrival = ReceiveMore(Deadline());
     EXPECT_TRUE(arrival == Arrival::End || arrival == Arrival::Reset) << "the connection was not dropped";
-    close(std::exchange(descriptor_, -1));
+    connection_ = FileDescriptor();
 }
 
 bool Client::HasArrived() const
 {
-    pollfd waiting{descriptor_, POLLIN, 0};
-    return !arrived_.empty() || poll(&waiting, 1, 0) > 0;
+    return !arrived_.empty() || HasInput(connection_, Deadline(std::chrono::milliseconds(0)));
 }
 
 int Client::PeerPort() const
 {
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    getpeername(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+    getpeername(connection_.Number(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
 
-Collector::Collector(Dialogue& dialogue) : descriptor_(MakeSocket()), port_(0), dialogue_(dialogue)
+Collector::Collector(Dialogue& dialogue) : listener_(MakeSocket()), port_(0), dialogue_(dialogue)
 {
     sockaddr_in address = LoopbackAddress(0);
     socklen_t length = sizeof address;
-    if (bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        listen(descriptor_, SOMAXCONN) != 0 ||
-        getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (bind(listener_.Number(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        listen(listener_.Number(), SOMAXCONN) != 0 ||
+        getsockname(listener_.Number(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         Fail("collector: ");
     }
     port_ = ntohs(address.sin_port);
 }
 
-Collector::~Collector()
-{
-    close(descriptor_);
-}
-
 bool Collector::HasArrived() const
 {
-    pollfd waiting{descriptor_, POLLIN, 0};
-    return poll(&waiting, 1, 0) > 0;
+    return HasInput(listener_, Deadline(std::chrono::milliseconds(0)));
 }
 
 Client Collector::Accept()
 {
-    pollfd waiting{descriptor_, POLLIN, 0};
-    if (poll(&waiting, 1, Deadline().MillisecondsLeft()) == 0)
+    if (!HasInput(listener_, Deadline()))
         throw std::runtime_error("nobody connected to the collector");
-    const int descriptor = accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor < 0)
+    FileDescriptor connection(accept4(listener_.Number(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!connection.IsOpen())
         Fail("accept: ");
-    dialogue_.Record(descriptor, "<- (connected)");
-    return Client(dialogue_, descriptor);
+    dialogue_.Record(connection.Number(), "<- (connected)");
+    return Client(dialogue_, std::move(connection));
 }

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "support/FileDescriptor.h"
 #include "tests/system/Waiting.h"
 
 /** What was said on the connections of one test, for the report of a failure. */
@@ -26,11 +27,7 @@ public:
     /** Connects to a port of this machine. A receive buffer of 0 bytes leaves the choice to the system. */
     Client(int port, Dialogue& dialogue, int receiveBufferBytes = 0);
     /** Takes over a connection that was accepted. */
-    Client(Dialogue& dialogue, int descriptor);
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-    Client(Client&& other) noexcept;
-    ~Client();
+    Client(Dialogue& dialogue, FileDescriptor connection);
 
     void Send(std::string_view bytes);
     /** Says that nothing more will be sent. */
@@ -58,9 +55,14 @@ public:
 private:
     enum class Arrival { Bytes, End, Reset, Late };
     Arrival ReceiveMore(const Deadline& deadline);
+    /** Bytes when there is enough. */
+    template <class Condition>
+    Arrival Receive(Condition isEnough);
+    /** Where the first `text` ends, or all that came if it did not; none comes when it is empty. */
+    size_t Receive(std::string_view text, Arrival& arrival);
     std::string Take(size_t bytes);
 
-    int descriptor_ = -1;
+    FileDescriptor connection_;
     Dialogue& dialogue_;
     std::string arrived_;
 };
@@ -70,9 +72,6 @@ class Collector
 {
 public:
     explicit Collector(Dialogue& dialogue);
-    Collector(const Collector&) = delete;
-    Collector& operator=(const Collector&) = delete;
-    ~Collector();
 
     int Port() const { return port_; }
     /** Somebody has connected and waits to be accepted. */
@@ -80,7 +79,7 @@ public:
     Client Accept();
 
 private:
-    int descriptor_;
+    FileDescriptor listener_;
     int port_;
     Dialogue& dialogue_;
 };

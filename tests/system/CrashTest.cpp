@@ -27,20 +27,6 @@ int CountOfCrashes(int otherwise)
     return number == nullptr ? otherwise : atoi(number);
 }
 
-/** Semaphore sets that one of these was the last to use. */
-std::vector<int> ListSemaphoresOf(const std::vector<pid_t>& processes)
-{
-    std::vector<int> found;
-    std::ifstream lines("/proc/sysvipc/sem");
-    std::string line;
-    std::getline(lines, line); // headings
-    int set = 0;
-    for (long key = 0; lines >> key >> set && std::getline(lines, line);)
-        if (std::find(processes.begin(), processes.end(), semctl(set, 0, GETPID)) != processes.end())
-            found.push_back(set);
-    return found;
-}
-
 /** Clients of every kind who ask at once, and what their commands and transfers leave to be looked at. */
 class Askers
 {
@@ -189,7 +175,7 @@ public:
         process_->Signal(SIGSTOP);
         std::vector<pid_t> processes = FindProcessesWith(Directory());
         processes.push_back(process_->Id());
-        const std::vector<int> semaphores = ListSemaphoresOf(processes);
+        const std::vector<int> semaphores = FindSemaphoresOf(processes);
         process_->Signal(SIGKILL);
         process_->WaitForEnd();
         return semaphores;

@@ -36,7 +36,8 @@ void DaemonUnderTest::Start(const DaemonOptions& options)
         std::vector<std::string> arguments = options.mode;
         arguments.insert(arguments.end(), {"-port", std::to_string(port_), "-logdirectory", logDirectory_});
         arguments.insert(arguments.end(), options.furtherArguments.begin(), options.furtherArguments.end());
-        process_ = std::make_unique<ServerProcess>(directory_.Path(), arguments, options.user, program);
+        process_ = std::make_unique<ServerProcess>(directory_.Path(), arguments, options.user, program,
+                                                   options.environment);
         if (process_->WaitForTrace("Check port (" + std::to_string(port_ - 1) +
                                    ") for data connection...(successfull)\n")) {
             return;

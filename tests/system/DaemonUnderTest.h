@@ -18,6 +18,8 @@ struct DaemonOptions {
     std::string logDirectory = {};
     /** The daemon whose ladders of ending work are a thirtieth as long. */
     bool shortLadders = false;
+    /** Further entries of its environment: NAME=VALUE. */
+    std::vector<std::string> environment = {};
     /** What a line of its error output may hold without a failure of the test. */
     std::vector<std::string> toleratedErrors = {};
 };

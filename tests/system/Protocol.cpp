@@ -19,14 +19,12 @@ std::string Join(const std::vector<std::string>& fields)
 
 std::string Launch(std::string_view mode, std::string_view command, std::string_view lifeTimeOut)
 {
-    return Join({Newest, OwnUser(), "secret", std::string(command), std::string(mode), "NOWINDOW",
-                 std::string(lifeTimeOut)});
+    return Keyword(Join({std::string(command), std::string(mode), "NOWINDOW", std::string(lifeTimeOut)}));
 }
 
 std::string PassiveLaunch(std::string_view command, int port, std::string_view lifeTimeOut)
 {
-    return Join({Newest, OwnUser(), "secret", std::string(command), "NOSOCKET", "NOWINDOW", "127.0.0.1",
-                 std::to_string(port), std::string(lifeTimeOut)});
+    return Launch("NOSOCKET", command, "127.0.0.1|" + std::to_string(port) + "|" + std::string(lifeTimeOut));
 }
 
 std::string Keyword(std::string_view keyword)

@@ -27,24 +27,25 @@
 namespace fs = std::filesystem;
 
 ServerProcess::ServerProcess(const std::string& directory, const std::vector<std::string>& arguments,
-                             const std::string& user, const std::string& program)
+                             const std::string& user, const std::string& program,
+                             const std::vector<std::string>& environment)
     : directory_(directory)
 {
     // Opened before the identity changes, as the other user need not be able to enter the build folder.
     const fs::path file = fs::read_symlink("/proc/self/exe").parent_path() / RUVEL_SERVER_FOLDER / program;
-    const int descriptor = open(file.c_str(), O_PATH | O_CLOEXEC);
-    if (descriptor < 0)
+    const FileDescriptor descriptor(open(file.c_str(), O_PATH | O_CLOEXEC));
+    if (!descriptor.IsOpen())
         throw std::runtime_error(file.string() + ": " + strerror(errno));
     id_ = fork();
     if (id_ == 0)
-        Become(arguments, user, file, descriptor);
-    close(descriptor);
+        Become(arguments, user, environment, file, descriptor.Number());
     if (id_ < 0)
         throw std::runtime_error("unable to fork");
 }
 
 void ServerProcess::Become(const std::vector<std::string>& arguments, const std::string& user,
-                           const std::string& file, int program) const
+                           const std::vector<std::string>& environment, const std::string& file,
+                           int program) const
 {
     const int flags = O_WRONLY | O_CREAT | O_APPEND;
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
@@ -54,6 +55,8 @@ void ServerProcess::Become(const std::vector<std::string>& arguments, const std:
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     // By this entry whatever descends from this daemon is recognised.
     setenv("RUVEL_TEST_DIRECTORY", directory_.c_str(), 1);
+    for (const std::string& entry : environment)
+        putenv(const_cast<char*>(entry.c_str()));
     if (!user.empty()) {
         const passwd* account = getpwnam(user.c_str());
         if (!account || initgroups(account->pw_name, account->pw_gid) != 0 || setgid(account->pw_gid) != 0 ||
@@ -191,15 +194,8 @@ BusyPort::BusyPort(int port) : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CL
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
-    if (bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(descriptor_, 1) != 0) {
-        close(descriptor_);
-        descriptor_ = -1;
-    }
-}
-
-BusyPort::~BusyPort()
-{
-    if (descriptor_ >= 0)
-        close(descriptor_);
+    const int number = descriptor_.Number();
+    if (bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(number, 1) != 0)
+        descriptor_ = FileDescriptor();
 }

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "support/FileDescriptor.h"
+
 #include <sys/types.h>
 
 /**
@@ -12,9 +14,11 @@
 class ServerProcess
 {
 public:
-    /** Starts it as `user`, who must be an account, or as the tests' own user when that is empty. */
+    /** Starts it as `user`, who must be an account, or as the tests' own user when that is empty, with
+     * further entries of the environment: NAME=VALUE. */
     ServerProcess(const std::string& directory, const std::vector<std::string>& arguments,
-                  const std::string& user = {}, const std::string& program = "RuvelServer");
+                  const std::string& user = {}, const std::string& program = "RuvelServer",
+                  const std::vector<std::string>& environment = {});
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
     ~ServerProcess();
@@ -32,7 +36,8 @@ public:
 
 private:
     [[noreturn]] void Become(const std::vector<std::string>& arguments, const std::string& user,
-                             const std::string& file, int program) const;
+                             const std::vector<std::string>& environment, const std::string& file,
+                             int program) const;
 
     std::string directory_;
     pid_t id_ = -1;
@@ -73,11 +78,8 @@ class BusyPort
 {
 public:
     explicit BusyPort(int port);
-    BusyPort(const BusyPort&) = delete;
-    BusyPort& operator=(const BusyPort&) = delete;
-    ~BusyPort();
-    bool IsHeld() const { return descriptor_ >= 0; }
+    bool IsHeld() const { return descriptor_.IsOpen(); }
 
 private:
-    int descriptor_;
+    FileDescriptor descriptor_;
 };

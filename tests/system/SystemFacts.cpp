@@ -65,23 +65,29 @@ size_t CountDescriptorsOf(pid_t process)
     return ListDirectory("/proc/" + std::to_string(process) + "/fd").size();
 }
 
+std::vector<int> FindSemaphoresOf(const std::vector<pid_t>& users)
+{
+    std::vector<int> found;
+    std::ifstream semaphores("/proc/sysvipc/sem");
+    std::string line;
+    std::getline(semaphores, line); // headings
+    int set = 0;
+    for (long key = 0; semaphores >> key >> set && std::getline(semaphores, line);)
+        if (std::find(users.begin(), users.end(), semctl(set, 0, GETPID)) != users.end())
+            found.push_back(set);
+    return found;
+}
+
 size_t CountSystemVObjectsOf(pid_t process)
 {
-    // Each file has one line of headings. A segment tells its maker; a set of semaphores tells only who
-    // used it last, which is the maker until a worker does.
-    size_t count = 0;
+    // A segment tells its maker; a set of semaphores tells only who used it last, which is the maker until a
+    // worker does.
+    size_t count = FindSemaphoresOf({process}).size();
     std::ifstream segments("/proc/sysvipc/shm");
     std::string line;
-    std::getline(segments, line);
-    for (long key, id, mode, size, maker; segments >> key >> id >> mode >> size >> maker;) {
+    std::getline(segments, line); // headings
+    long key = 0, id = 0, mode = 0, size = 0, maker = 0;
+    while (segments >> key >> id >> mode >> size >> maker && std::getline(segments, line))
         count += maker == process;
-        std::getline(segments, line);
-    }
-    std::ifstream semaphores("/proc/sysvipc/sem");
-    std::getline(semaphores, line);
-    for (long key, id; semaphores >> key >> id;) {
-        count += semctl(static_cast<int>(id), 0, GETPID) == process;
-        std::getline(semaphores, line);
-    }
     return count;
 }

@@ -16,5 +16,7 @@ std::vector<pid_t> FindProcessesWith(const std::string& text);
 std::vector<pid_t> FindZombiesOf(pid_t parent);
 bool IsAlive(pid_t process);
 size_t CountDescriptorsOf(pid_t process);
+/** The semaphore sets that one of these processes was the last to use. */
+std::vector<int> FindSemaphoresOf(const std::vector<pid_t>& users);
 /** Shared memory segments and semaphore sets that a process made and that still stand. */
 size_t CountSystemVObjectsOf(pid_t process);

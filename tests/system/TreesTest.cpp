@@ -51,11 +51,8 @@ public:
     explicit TreeWitness(std::string path) : path_(std::move(path))
     {
         EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
-        descriptor_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        descriptor_ = FileDescriptor(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     }
-    TreeWitness(const TreeWitness&) = delete;
-    TreeWitness& operator=(const TreeWitness&) = delete;
-    ~TreeWitness() { close(descriptor_); }
 
     const std::string& Path() const { return path_; }
     const std::set<int>& Members() const { return members_; }
@@ -66,7 +63,7 @@ public:
     {
         int numbers[1024];
         ssize_t count = 0;
-        while ((count = read(descriptor_, numbers, sizeof numbers)) > 0)
+        while ((count = read(descriptor_.Number(), numbers, sizeof numbers)) > 0)
             for (size_t i = 0; i < static_cast<size_t>(count) / sizeof *numbers; ++i)
                 (numbers[i] > 0 ? members_ : signals_).insert(numbers[i]);
         return count == 0 && !members_.empty();
@@ -74,7 +71,7 @@ public:
 
 private:
     std::string path_;
-    int descriptor_;
+    FileDescriptor descriptor_;
     std::set<int> members_; // every id that was ever one
     std::set<int> signals_; // that a still tree got, negative
 };
@@ -97,24 +94,6 @@ public:
 
 private:
     TreeWitness witness_;
-};
-
-/** While it stands, what is started writes the signals that it sends into a file. */
-class SignalLog
-{
-public:
-    explicit SignalLog(const std::string& path)
-    {
-        setenv("LD_PRELOAD", FileBesideThis("SignalLog.so").c_str(), 1);
-        setenv("RUVEL_SIGNAL_LOG", path.c_str(), 1);
-    }
-    SignalLog(const SignalLog&) = delete;
-    SignalLog& operator=(const SignalLog&) = delete;
-    ~SignalLog()
-    {
-        for (const char* name : {"LD_PRELOAD", "RUVEL_SIGNAL_LOG"})
-            unsetenv(name);
-    }
 };
 
 enum class End { KillTree, ForceKillTree, LifeTime, Shutdown };
@@ -149,8 +128,10 @@ public:
             execl("/bin/sh", "sh", "-c", outside_.Command().c_str(), nullptr);
             _exit(127);
         }
-        const SignalLog log(LogName());
-        daemon_ = std::make_unique<DaemonUnderTest>(DaemonOptions{.shortLadders = true});
+        daemon_ = std::make_unique<DaemonUnderTest>(
+            DaemonOptions{.shortLadders = true,
+                          .environment = {"LD_PRELOAD=" + FileBesideThis("SignalLog.so"),
+                                          "RUVEL_SIGNAL_LOG=" + LogName()}});
     }
     Forest(const Forest&) = delete;
     Forest& operator=(const Forest&) = delete;

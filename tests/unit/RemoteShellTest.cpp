@@ -6,42 +6,29 @@ TEST(RemoteShellTest, ReadsTheCallsOfOtherPrograms)
 {
     const struct {
         std::vector<std::string> arguments;
-        std::string host;
-        std::string user;
-        int port;
-        int connectTimeOut;
-        bool passesInput;
-        bool isBatch;
-        std::string line;
+        std::string host, line, user = {};
+        int port = 0, connectTimeOut = 0;
+        bool passesInput = true, isBatch = false;
     } cases[] = {
-        {{"host", "a", " b ", ""}, "host", "", 0, 0, true, false, "a  b  "},
-        {{"-l", "me", "host", "rsync", "--server", "-l"},
-         "host",
-         "me",
-         0,
-         0,
-         true,
-         false,
-         "rsync --server -l"},
+        {{"host", "a", " b ", ""}, "host", "a  b  "},
+        {{"-l", "me", "host", "rsync", "--server", "-l"}, "host", "rsync --server -l", "me"},
         {{"-C", "-o", "ControlMaster=auto", "-o", "User=\"bob\"", "-oPort=7", "-o", "ConnectTimeout=10",
           "-tt", "host", "/bin/sh -c 'x'"},
          "host",
+         "/bin/sh -c 'x'",
          "bob",
          7,
-         10,
-         true,
-         false,
-         "/bin/sh -c 'x'"},
+         10},
         {{"-oBatchMode yes", "-nTq", "you@me@h", "-p7", "-o", "port = 8", "--", "-x", "--"},
          "h",
+         "-x --",
          "you@me",
          7,
          0,
          false,
-         true,
-         "-x --"},
-        {{"-e", "none", "-4", "--", "host", "-n", "true"}, "host", "", 0, 0, false, false, "true"},
-        {{"-l", "first", "second@host", "-", "x"}, "host", "first", 0, 0, true, false, "- x"},
+         true},
+        {{"-e", "none", "-4", "--", "host", "-n", "true"}, "host", "true", "", 0, 0, false},
+        {{"-l", "first", "second@host", "-", "x"}, "host", "- x", "first"},
     };
     for (const auto& one : cases) {
         RemoteShellCall call;

@@ -27,61 +27,56 @@ const struct {
     const char* what;
     std::string stream;
     std::string output;
-    StreamEnd::Kind kind;
-    int code;
-    std::string words;
-    bool isExpired;
+    StreamEnd::Kind kind = StreamEnd::Cut;
+    int code = 0;
+    std::string words = {};
+    bool isExpired = false;
 } Streams[] = {
-    {"no output", Banner + "->ProcessReturnCode = 0\n", "", StreamEnd::Code, 0, "", false},
+    {"no output", Banner + "->ProcessReturnCode = 0\n", "", StreamEnd::Code},
     {"text with its own newline", Banner + "one\ntwo\n->ProcessReturnCode = 3\n", "one\ntwo\n",
-     StreamEnd::Code, 3, "", false},
+     StreamEnd::Code, 3},
     {"output that ends in the middle of a line", Banner + "abc->ProcessReturnCode = 255\n", "abc",
-     StreamEnd::Code, 255, "", false},
-    {"a negative code", Banner + "->ProcessReturnCode = -1\n", "", StreamEnd::Code, -1, "", false},
+     StreamEnd::Code, 255},
+    {"a negative code", Banner + "->ProcessReturnCode = -1\n", "", StreamEnd::Code, -1},
     {"bytes that are no text", Banner + std::string("\0\xff->\0-", 6) + "->ProcessReturnCode = 1\n",
-     std::string("\0\xff->\0-", 6), StreamEnd::Code, 1, "", false},
+     std::string("\0\xff->\0-", 6), StreamEnd::Code, 1},
     {"the lines of the server as output",
      Banner + Banner + "->ProcessReturnCode = 7\n->ProcessReturnCode = 8\n",
-     Banner + "->ProcessReturnCode = 7\n", StreamEnd::Code, 8, "", false},
+     Banner + "->ProcessReturnCode = 7\n", StreamEnd::Code, 8},
     {"beginnings of the end as output",
      Banner + "->Proc->ProcessReturnCode = --5\n-->ProcessReturnCode = 4\n",
-     "->Proc->ProcessReturnCode = --5\n-", StreamEnd::Code, 4, "", false},
+     "->Proc->ProcessReturnCode = --5\n-", StreamEnd::Code, 4},
     {"an error line as output", Banner + "->Error no such thing\n->ProcessReturnCode = 2\n",
-     "->Error no such thing\n", StreamEnd::Code, 2, "", false},
+     "->Error no such thing\n", StreamEnd::Code, 2},
     {"a refusal as output", Banner + "->Error a\n->ProcessReturnCode = NoThing\n\n->ProcessReturnCode = 0\n",
-     "->Error a\n->ProcessReturnCode = NoThing\n\n", StreamEnd::Code, 0, "", false},
+     "->Error a\n->ProcessReturnCode = NoThing\n\n", StreamEnd::Code},
     {"life time-out",
      Banner + "half a li->Command killed due to expired life timeout\n->ProcessReturnCode = 143\n",
      "half a li", StreamEnd::Code, 143, "Command killed due to expired life timeout", true},
     {"life time-out as output",
      Banner + "->Command killed due to expired life timeout\n->ProcessReturnCode = 143\n.->ProcessReturnCode "
               "= 0\n",
-     "->Command killed due to expired life timeout\n->ProcessReturnCode = 143\n.", StreamEnd::Code, 0, "",
-     false},
+     "->Command killed due to expired life timeout\n->ProcessReturnCode = 143\n.", StreamEnd::Code},
     {"killed by a user", Banner + "x->Command N(12), tree force killed\n->ProcessReturnCode = 137\n", "x",
-     StreamEnd::Code, 137, "Command N(12), tree force killed", false},
+     StreamEnd::Code, 137, "Command N(12), tree force killed"},
     {"killed in vain", Banner + "->Command N(0), killed\n->ProcessReturnCode = NoThing\n", "",
-     StreamEnd::NoCode, 0, "Command N(0), killed", false},
+     StreamEnd::NoCode, 0, "Command N(0), killed"},
     {"shutdown", Banner + std::string(protocol::ShutdownCommand) + "143\n", "", StreamEnd::Code, 143,
      "RuvelServer shutdown, all log transfer(s) terminated, command(s) killed and file transfer(s) "
-     "terminated",
-     false},
+     "terminated"},
     {"not started", Banner + "->Error not owner : a : b\n->ProcessReturnCode = NoThing\n", "",
-     StreamEnd::Refused, 0, "Error not owner : a : b", false},
+     StreamEnd::Refused, 0, "Error not owner : a : b"},
     {"not understood", Banner + "->Bad version of RuvelServer, please install a newer version\n", "",
-     StreamEnd::Refused, 0, "Bad version of RuvelServer, please install a newer version", false},
-    {"another version's banner", "->RuvelServer V9\nx->ProcessReturnCode = 0\n", "x", StreamEnd::Code, 0, "",
-     false},
-    {"cut in the output", Banner + "some output", "some output", StreamEnd::Cut, 0, "", false},
-    {"cut in the return line", Banner + "out->ProcessReturnCode = 1", "out->ProcessReturnCode = 1",
-     StreamEnd::Cut, 0, "", false},
-    {"cut behind what is no code", Banner + "->ProcessReturnCode = -\n", "->ProcessReturnCode = -\n",
-     StreamEnd::Cut, 0, "", false},
-    {"cut in an error", Banner + "->Error bad para", "->Error bad para", StreamEnd::Cut, 0, "", false},
-    {"cut behind the banner", Banner, "", StreamEnd::Cut, 0, "", false},
-    {"cut in the banner", "->RuvelServer V1", "", StreamEnd::NoServer, 0, "", false},
-    {"nothing", "", "", StreamEnd::NoServer, 0, "", false},
-    {"another protocol", "SSH-2.0-x\n->ProcessReturnCode = 0\n", "", StreamEnd::NoServer, 0, "", false},
+     StreamEnd::Refused, 0, "Bad version of RuvelServer, please install a newer version"},
+    {"another version's banner", "->RuvelServer V9\nx->ProcessReturnCode = 0\n", "x", StreamEnd::Code},
+    {"cut in the output", Banner + "some output", "some output"},
+    {"cut in the return line", Banner + "out->ProcessReturnCode = 1", "out->ProcessReturnCode = 1"},
+    {"cut behind what is no code", Banner + "->ProcessReturnCode = -\n", "->ProcessReturnCode = -\n"},
+    {"cut in an error", Banner + "->Error bad para", "->Error bad para"},
+    {"cut behind the banner", Banner, ""},
+    {"cut in the banner", "->RuvelServer V1", "", StreamEnd::NoServer},
+    {"nothing", "", "", StreamEnd::NoServer},
+    {"another protocol", "SSH-2.0-x\n->ProcessReturnCode = 0\n", "", StreamEnd::NoServer},
 };
 } // namespace
 
