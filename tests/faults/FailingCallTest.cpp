@@ -39,16 +39,18 @@ int CountFailures()
 class Bench
 {
 public:
-    Bench(const DaemonOptions& options, const Asker& asker) : options_(options), asker_(asker) { Start(); }
+    Bench(const DaemonOptions& options, const Credentials& asker) : options_(options), asker_(asker)
+    {
+        Start();
+    }
 
     /** How often everything is called in a scenario in which nothing fails. */
     void CountCalls()
     {
         injection_.Count();
-        Scenario scenario(*daemon_, asker_, Size);
-        scenario.Run();
+        const ScenarioResult result = RunScenario(*daemon_, asker_, Size);
         injection_.Disarm();
-        EXPECT_EQ(scenario.Worst(), Outcome::Unnoticed);
+        EXPECT_EQ(result.worst, Outcome::Unnoticed) << result.toldIn << ": " << result.told;
         ExpectRest(*daemon_, asker_, idleDescriptors_);
         for (const Place place : Places)
             for (size_t kind = 0; kind < faults::KindCount; ++kind)
@@ -63,8 +65,7 @@ public:
                      std::to_string(number) + " of " + std::to_string(CountOf(place, kind)) + ", error " +
                      std::to_string(error));
         injection_.Fail(place, kind, number, error);
-        Scenario scenario(*daemon_, asker_, Size);
-        scenario.Run();
+        const ScenarioResult result = RunScenario(*daemon_, asker_, Size);
         injection_.Disarm();
         // What cannot be removed stays.
         if (Kinds[kind].name == "remove" || Kinds[kind].name == "unlink")
@@ -73,8 +74,8 @@ public:
         ExpectRest(*daemon_, asker_, idleDescriptors_);
         const char* const outcomes[] = {"unnoticed", "closed", "told"};
         std::cout << Kinds[kind].name << "\t" << NameOf(place) << "\t" << number << "\t" << error << "\t"
-                  << (injection_->hasFailed ? outcomes[static_cast<int>(scenario.Worst())] : "not reached")
-                  << "\t" << scenario.ToldIn() << "\t" << scenario.Told() << std::endl;
+                  << (injection_->hasFailed ? outcomes[static_cast<int>(result.worst)] : "not reached")
+                  << "\t" << result.toldIn << "\t" << result.told << std::endl;
         // The next one finds a sound daemon whatever this one has left.
         if (CountFailures() != failuresBefore)
             Start();
@@ -89,7 +90,7 @@ private:
     }
 
     DaemonOptions options_;
-    Asker asker_;
+    Credentials asker_;
     FaultInjection injection_;
     std::unique_ptr<DaemonUnderTest> daemon_;
     size_t idleDescriptors_ = 0;
@@ -118,7 +119,7 @@ const std::set<std::string_view> IdentityKinds = {
 
 /** In the short form, of these kinds only, if there are any, and of each only one call; in the long form the
  * others fail with one of their errors. */
-void LetEachCallFail(const DaemonOptions& options, const Asker& asker,
+void LetEachCallFail(const DaemonOptions& options, const Credentials& asker,
                      const std::set<std::string_view>& kinds = {})
 {
     Bench bench(options, asker);

@@ -13,9 +13,8 @@ TEST(Stutter, ShortAndInterruptedCallsChangeNothing)
     const size_t descriptors = CountDescriptorsOf(daemon->Process().Id());
     injection.Count();
     injection->isStuttering = true;
-    Scenario scenario(*daemon, {}, IsLongForm() ? 100'000'000 : 4'000'000);
-    scenario.Run();
-    EXPECT_EQ(scenario.Worst(), Outcome::Unnoticed) << scenario.ToldIn() << ": " << scenario.Told();
+    const ScenarioResult result = RunScenario(*daemon, {}, IsLongForm() ? 100'000'000 : 4'000'000);
+    EXPECT_EQ(result.worst, Outcome::Unnoticed) << result.toldIn << ": " << result.told;
     injection.Disarm();
     EXPECT_GT(injection.CountOf(faults::Place::Child, faults::IndexOf("send")), 500);
     ExpectRest(*daemon, {}, descriptors);

@@ -17,19 +17,23 @@ std::string Join(const std::vector<std::string>& fields)
     return request;
 }
 
-std::string Launch(std::string_view mode, std::string_view command, std::string_view lifeTimeOut)
+std::string Launch(std::string_view mode, std::string_view command, std::string_view lifeTimeOut,
+                   const Credentials& who)
 {
-    return Keyword(Join({std::string(command), std::string(mode), "NOWINDOW", std::string(lifeTimeOut)}));
+    return Keyword(Join({std::string(command), std::string(mode), "NOWINDOW", std::string(lifeTimeOut)}),
+                   who);
 }
 
-std::string PassiveLaunch(std::string_view command, int port, std::string_view lifeTimeOut)
+std::string PassiveLaunch(std::string_view command, int port, std::string_view lifeTimeOut,
+                          const Credentials& who)
 {
-    return Launch("NOSOCKET", command, "127.0.0.1|" + std::to_string(port) + "|" + std::string(lifeTimeOut));
+    return Launch("NOSOCKET", command, "127.0.0.1|" + std::to_string(port) + "|" + std::string(lifeTimeOut),
+                  who);
 }
 
-std::string Keyword(std::string_view keyword)
+std::string Keyword(std::string_view keyword, const Credentials& who)
 {
-    return Join({Newest, OwnUser(), "secret", std::string(keyword)});
+    return Join({Newest, who.user, who.password, std::string(keyword)});
 }
 
 std::string ReturnLine(int code)

@@ -19,12 +19,20 @@ std::string OwnUser();
 /** The fields of a request, joined. */
 std::string Join(const std::vector<std::string>& fields);
 
-/** A launch by the newest client and the tests' own user. `mode` is SOCKET or NOSOCKET. */
-std::string Launch(std::string_view mode, std::string_view command, std::string_view lifeTimeOut = "0");
+/** Who asks; the tests' own user without more said. */
+struct Credentials {
+    std::string user = OwnUser();
+    std::string password = "secret";
+};
+
+/** A launch by the newest client. `mode` is SOCKET or NOSOCKET. */
+std::string Launch(std::string_view mode, std::string_view command, std::string_view lifeTimeOut = "0",
+                   const Credentials& who = {});
 /** A launch whose log is delivered to a port of this machine. */
-std::string PassiveLaunch(std::string_view command, int port, std::string_view lifeTimeOut = "0");
-/** A request of the newest client and the tests' own user that is only a keyword, such as INFO. */
-std::string Keyword(std::string_view keyword);
+std::string PassiveLaunch(std::string_view command, int port, std::string_view lifeTimeOut = "0",
+                          const Credentials& who = {});
+/** A request of the newest client that is only a keyword, such as INFO or "KILL|0". */
+std::string Keyword(std::string_view keyword, const Credentials& who = {});
 
 std::string ReturnLine(int code);
 /** The whole answer to a launch: banner, output, return line. */

@@ -24,11 +24,6 @@ const std::string RefusedLaunch = BannerLine + Reason + "\n->ProcessReturnCode =
 const std::string Closed = BannerLine + std::string("->RuvelServer closed\n");
 constexpr std::chrono::seconds Hold{2};
 
-struct Credentials {
-    std::string user;
-    std::string password;
-};
-
 Credentials Right(const TestAccount& account)
 {
     return {account.Name(), account.Password()};
@@ -37,12 +32,7 @@ Credentials Right(const TestAccount& account)
 std::string LaunchAs(const Credentials& who, std::string_view command = "true",
                      std::string_view mode = "SOCKET")
 {
-    return Join({Newest, who.user, who.password, std::string(command), std::string(mode), "NOWINDOW", "0"});
-}
-
-std::string KeywordAs(const Credentials& who, std::string_view keyword)
-{
-    return Join({Newest, who.user, who.password, std::string(keyword)});
+    return Launch(mode, command, "0", who);
 }
 
 std::string NotOwner(const std::string& owner, const std::string& asking)
@@ -135,11 +125,11 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
          }) {
         table.push_back({LaunchAs(refused), RefusedLaunch});
         table.push_back({LaunchAs(refused, "true", "NOSOCKET"), RefusedLaunch});
-        table.push_back({KeywordAs(refused, "INFO"), Reason});
+        table.push_back({Keyword("INFO", refused), Reason});
     }
-    table.push_back({KeywordAs(wrong, "ALLINFO"), Reason});
+    table.push_back({Keyword("ALLINFO", wrong), Reason});
     for (const char* kill : {"KILL", "KILLTREE", "FORCEKILL", "FORCEKILLTREE"})
-        table.push_back({KeywordAs(wrong, kill) + "|0", Reason + "\n"});
+        table.push_back({Keyword(kill, wrong) + "|0", Reason + "\n"});
 
     for (const auto& [keyword, refusal] :
          {std::pair("TRANSFERGET", "WRITEERROR|"), {"TRANSFERPUT", "READERROR|"}})
@@ -206,13 +196,13 @@ TEST(Users, AnOrdinaryUsersDaemonKnowsItsOwnUsersPasswordOnly)
                                   {LaunchAs(Right(owner), "id -un", "NOSOCKET"), Finished(name + "\n", 0)},
                                   {LaunchAs({name, ""}), RefusedLaunch},
                                   {LaunchAs({name, "wrong"}), RefusedLaunch},
-                                  {KeywordAs({name, ""}, "INFO"), Reason},
-                                  {KeywordAs({name, "wrong"}, "INFO"), Reason},
+                                  {Keyword("INFO", {name, ""}), Reason},
+                                  {Keyword("INFO", {name, "wrong"}), Reason},
                                   {LaunchAs(Right(other)), refused},
-                                  {KeywordAs(Right(other), "INFO"), Reason},
-                                  {KeywordAs({"root", ""}, "INFO"), Reason},
+                                  {Keyword("INFO", Right(other)), Reason},
+                                  {Keyword("INFO", {"root", ""}), Reason},
                               });
-        EXPECT_THAT(Ask(daemon, KeywordAs(Right(owner), "INFO")), HasSubstr("launched command(s)"));
+        EXPECT_THAT(Ask(daemon, Keyword("INFO", Right(owner))), HasSubstr("launched command(s)"));
     }
 }
 
@@ -230,16 +220,16 @@ TEST(Users, OnlyItsOwnerClosesADaemonWithThePassword)
     const TestAccount account;
     const TestAccount other;
     DaemonUnderTest installed({.mode = {}});
-    ExpectAnswers(installed, {{KeywordAs(Right(account), "Close"), NotOwner("root", account.Name())},
-                              {KeywordAs({"root", "wrong"}, "Close"), Reason},
-                              {KeywordAs({"root", ""}, "Close"), Reason}});
+    ExpectAnswers(installed, {{Keyword("Close", Right(account)), NotOwner("root", account.Name())},
+                              {Keyword("Close", {"root", "wrong"}), Reason},
+                              {Keyword("Close", {"root", ""}), Reason}});
     EXPECT_EQ(Ask(installed, LaunchAs(Right(account), "id -un")), Finished(account.Name() + "\n", 0));
 
     DaemonUnderTest daemon(RunBy(account, {"-noinstall"}));
-    ExpectAnswers(daemon, {{KeywordAs(Right(other), "Close"), NotOwner(account.Name(), other.Name())},
-                           {KeywordAs({account.Name(), ""}, "Close"), Reason},
-                           {KeywordAs({account.Name(), "wrong"}, "Close"), Reason}});
-    EXPECT_EQ(Ask(daemon, KeywordAs(Right(account), "Close")), Closed);
+    ExpectAnswers(daemon, {{Keyword("Close", Right(other)), NotOwner(account.Name(), other.Name())},
+                           {Keyword("Close", {account.Name(), ""}), Reason},
+                           {Keyword("Close", {account.Name(), "wrong"}), Reason}});
+    EXPECT_EQ(Ask(daemon, Keyword("Close", Right(account))), Closed);
     EXPECT_EQ(daemon.Process().WaitForEnd(), 0);
 }
 
