@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include <unistd.h>
+
 RequestConnection::~RequestConnection()
 {
     WipeCredentials();
@@ -13,11 +15,13 @@ void RequestConnection::SetPeer(const sockaddr_in& address, const long long& acc
     acceptedMilliseconds_ = acceptedMilliseconds;
 }
 
-void RequestConnection::SetCredentials(std::string_view user, std::string_view password)
+void RequestConnection::SetCredentials(std::string_view user, std::string_view password,
+                                       const int& limitSeconds)
 {
     WipeCredentials();
     user_ = user;
     password_ = password;
+    limitSeconds_ = limitSeconds;
 }
 
 void RequestConnection::WipeCredentials()
@@ -29,6 +33,7 @@ void RequestConnection::WipeCredentials()
 
 int RequestConnection::ThreadOrProcessRoutine()
 {
+    alarm(static_cast<unsigned>(limitSeconds_));
     const int result = GetProcess().VerifyUser(user_, password_) == 0 ? 0 : 1;
     WipeCredentials();
     return result;

@@ -12,6 +12,9 @@
  * where one is needed, checks the user's password and ends with the result: 0 good, 1 refused. It has no
  * status board.
  *
+ * As only so many checks run at once, the worker is ended by an alarm when its time is over: a password
+ * system that hangs must not hold a place for good.
+ *
  * Owned by the server's list of requests. What it becomes takes its socket along.
  */
 class RequestConnection : public ThreadOrProcessConnection
@@ -27,8 +30,8 @@ public:
     /** On the clock of Clock::SteadyMilliseconds(). */
     const long long& GetAcceptedMilliseconds() const { return acceptedMilliseconds_; }
 
-    /** What the worker is to check; copied here and nowhere else. */
-    void SetCredentials(std::string_view user, std::string_view password);
+    /** What the worker is to check, in at most so many seconds; copied here and nowhere else. */
+    void SetCredentials(std::string_view user, std::string_view password, const int& limitSeconds);
     /** Overwrites the credentials in memory; to be called as soon as the worker has been started. */
     void WipeCredentials();
 
@@ -39,6 +42,7 @@ private:
     long long acceptedMilliseconds_ = 0;
     std::string user_;
     std::string password_;
+    int limitSeconds_ = 0;
 };
 
 using QORListPtrRequestConnection = QORListPtr<RequestConnection>;

@@ -24,7 +24,12 @@ constexpr int Backlog = 50;
 } // namespace
 
 RuvelServer::RuvelServer()
-    : logs_(0), commands_(0), transfers_(0), waiting_(readTimeOut_), leaving_(readTimeOut_)
+    : logs_(0),
+      commands_(0),
+      transfers_(0),
+      waiting_(readTimeOut_),
+      checks_(readTimeOut_),
+      leaving_(readTimeOut_)
 {
     for (const std::string_view client : protocol::KnownClients)
         acceptedVersions_.Append(QORUnicodeString(client));

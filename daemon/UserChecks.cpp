@@ -39,7 +39,8 @@ in_addr_t AddressOf(const WaitingClient* client)
 
 } // namespace
 
-UserChecks::UserChecks() : processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
+UserChecks::UserChecks(const int& limitSeconds)
+    : limitSeconds_(limitSeconds), processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
 {
     PasswordCheck::ShareExperience();
     running_.reserve(MostAtOnce); // a check that runs must not be lost when memory is short
@@ -62,12 +63,13 @@ void UserChecks::CollectVerdicts()
     });
 }
 
-bool UserChecks::Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose)
+bool UserChecks::Start(WaitingClient& client,
+                       const std::function<QORListPtrBaseSocket()>& socketsToClose) const
 {
     try {
         QORListPtrBaseSocket sockets = socketsToClose();
         // Not before: what the queue holds is in memory that no worker gets to see.
-        client.connection.SetCredentials(client.fields[2], client.fields[3]);
+        client.connection.SetCredentials(client.fields[2], client.fields[3], limitSeconds_);
         return client.connection.StartThreadOrProcess(sockets) == 0;
     } catch (const std::bad_alloc&) {
         return false;

@@ -32,7 +32,9 @@ public:
     /** Milliseconds from a complete request to the refusal of its user. */
     static constexpr long long RefusalDelay = 2000;
 
-    UserChecks();
+    /** `limitSeconds`: what one check may take; then its worker is ended, and its client is refused as
+     * unchecked. */
+    explicit UserChecks(const int& limitSeconds);
 
     /** Puts the client in state checking. Its password stays in its request until its check is started, and
      * is wiped then. */
@@ -48,9 +50,10 @@ public:
 
 private:
     bool HasRoom() const;
-    static bool Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose);
+    bool Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose) const;
     WaitingClient* TakeNext();
 
+    const int& limitSeconds_;
     std::size_t processors_;
     std::deque<WaitingClient*> waiting_; // in the order of arrival
     std::vector<WaitingClient*> running_;

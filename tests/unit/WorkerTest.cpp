@@ -3,14 +3,22 @@
 
 #include "connections/LogConnection.h"
 #include "connections/ReportConnection.h"
+#include "connections/RequestConnection.h"
 #include "connections/ThreadOrProcessConnection.h"
 #include "connections/WorkerStatus.h"
 #include "support/Clock.h"
 #include "tests/unit/Loopback.h"
 
 #include <gtest/gtest.h>
+#include <security/pam_appl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+/** In place of the password system's: one that hangs. */
+int pam_authenticate(pam_handle_t*, int)
+{
+    return pause();
+}
 
 namespace
 {
@@ -58,6 +66,15 @@ TEST(Worker, OfAReportEndsWhenNobodyTakesIt)
     QORListPtrBaseSocket noSockets(0);
     ASSERT_EQ(report.StartThreadOrProcess(noSockets), 0);
     EXPECT_EQ(CheckUntilEnd(report), WorkerStatus::Signalled);
+}
+
+TEST(Worker, OfACheckEndsWhenThePasswordSystemHangs)
+{
+    RequestConnection check;
+    check.SetCredentials("root", "password", 1);
+    QORListPtrBaseSocket noSockets(0);
+    ASSERT_EQ(check.StartThreadOrProcess(noSockets), 0);
+    EXPECT_EQ(CheckUntilEnd(check), WorkerStatus::Signalled);
 }
 
 TEST(Worker, OfALogTellsThatTheSizeCannotBeHad)
