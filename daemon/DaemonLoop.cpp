@@ -237,7 +237,7 @@ void RuvelServer::ServeCompleteRequests()
         WaitingClient* client = waiting_.NextComplete();
         if (client == nullptr)
             break;
-        ServeGuarded(*client);
+        Guarded(*client, &RuvelServer::ServeRequest);
     } while (stop_ == Stop::No && !share.IsUsedUp());
     checks_.StartWaiting([this] { return ListSocketsForWorker(); });
     waiting_.Sweep();

@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
@@ -40,11 +41,11 @@ const RuvelServer::Service& RuvelServer::ServiceOf(const WaitingClient& client)
     return Unknown;
 }
 
-/** Memory may run out while one client is served: that client is dropped and nothing else. */
-void RuvelServer::ServeGuarded(WaitingClient& client)
+/** Memory may run out while one client is served or refused: that client is dropped and nothing else. */
+void RuvelServer::Guarded(WaitingClient& client, void (RuvelServer::*step)(WaitingClient&))
 {
     try {
-        ServeRequest(client);
+        (this->*step)(client);
     } catch (const std::exception& failure) {
         BaseString::PutTrace("Error unable to serve a request : ", failure.what(), 1);
         client.state = State::Gone;
@@ -130,13 +131,23 @@ bool RuvelServer::NeedsUserCheck(const WaitingClient& client) const
            ServiceOf(client).kind != RequestKind::Unknown;
 }
 
-/** Answers the refused users whose time has come. */
+/** Answers the refused users whose time has come, as many as one turn has time for. */
 void RuvelServer::RefuseUsers()
 {
     const long long now = Clock::SteadyMilliseconds();
-    for (const auto& client : waiting_.Heard())
-        if (client->state == State::Refused && Deadline::IsPast(client->stateDeadline, now))
-            (this->*ServiceOf(*client).refuse)(*client, RefusalReason(*client));
+    const TurnShare share;
+    for (const auto& client : waiting_.Heard()) {
+        if (client->state != State::Refused || !Deadline::IsPast(client->stateDeadline, now))
+            continue;
+        Guarded(*client, &RuvelServer::RefuseUser);
+        if (share.IsUsedUp())
+            return;
+    }
+}
+
+void RuvelServer::RefuseUser(WaitingClient& client)
+{
+    (this->*ServiceOf(client).refuse)(client, RefusalReason(client));
 }
 
 const char* RuvelServer::RefusalReason(const WaitingClient& client)

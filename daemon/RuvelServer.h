@@ -129,7 +129,7 @@ private:
     };
     static const Service Services[];
     static const Service& ServiceOf(const WaitingClient& client);
-    void ServeGuarded(WaitingClient& client);
+    void Guarded(WaitingClient& client, void (RuvelServer::*step)(WaitingClient&));
     void ServeRequest(WaitingClient& client);
     void Understand(WaitingClient& client);
     bool AreArgumentsGood(WaitingClient& client);
@@ -138,6 +138,7 @@ private:
     bool IsOwnerAsked(WaitingClient& client);
     bool NeedsUserCheck(const WaitingClient& client) const;
     void RefuseUsers();
+    void RefuseUser(WaitingClient& client);
     static const char* RefusalReason(const WaitingClient& client);
     void RefuseLaunch(WaitingClient& client, const std::string& reason);
     void RefuseKill(WaitingClient& client, const std::string& reason);
