@@ -40,7 +40,8 @@ in_addr_t AddressOf(const WaitingClient* client)
 } // namespace
 
 UserChecks::UserChecks(const int& limitSeconds)
-    : limitSeconds_(limitSeconds), processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
+    : limitSeconds_(limitSeconds),
+      processors_(static_cast<std::size_t>(std::max(2L, sysconf(_SC_NPROCESSORS_ONLN))))
 {
     PasswordCheck::ShareExperience();
     running_.reserve(MostAtOnce); // a check that runs must not be lost when memory is short
@@ -79,25 +80,39 @@ bool UserChecks::Start(WaitingClient& client,
 void UserChecks::StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose)
 {
     while (!waiting_.empty() && HasRoom()) {
-        WaitingClient* client = TakeNext();
+        const auto next = FindNext();
+        WaitingClient& client = **next;
         lastStart_ = Clock::SteadyMilliseconds();
-        if (Start(*client, socketsToClose))
-            running_.push_back(client);
-        else
-            GiveVerdict(*client, Verdict::Unchecked);
-        client->connection.WipeCredentials();
-        client->text.WipeField(3);
+        hasLastStartFailed_ = !Start(client, socketsToClose);
+        client.connection.WipeCredentials();
+        if (hasLastStartFailed_)
+            return RefuseOverdue(lastStart_);
+        waiting_.erase(next);
+        running_.push_back(&client);
+        client.text.WipeField(3);
     }
+}
+
+void UserChecks::RefuseOverdue(long long now)
+{
+    std::erase_if(waiting_, [now](WaitingClient* client) {
+        if (now - client->completedAt < RefusalDelay)
+            return false;
+        GiveVerdict(*client, Verdict::Unchecked);
+        return true;
+    });
 }
 
 bool UserChecks::HasRoom() const
 {
     if (running_.size() >= MostAtOnce)
         return false;
-    return running_.size() < processors_ || Clock::SteadyMilliseconds() - lastStart_ >= ComputingTime;
+    return (running_.size() < processors_ && !hasLastStartFailed_) ||
+           Clock::SteadyMilliseconds() - lastStart_ >= ComputingTime;
 }
 
-WaitingClient* UserChecks::TakeNext()
+/** Of those that wait; there is one. */
+std::deque<WaitingClient*>::iterator UserChecks::FindNext()
 {
     const bool firstComes = ++startCount_ % TurnOfTheFirst == 0;
     const auto runningOf = [this](const WaitingClient* client) {
@@ -114,9 +129,7 @@ WaitingClient* UserChecks::TakeNext()
             fewest = count;
         }
     }
-    WaitingClient* const chosen = *next;
-    waiting_.erase(next);
-    return chosen;
+    return next;
 }
 
 long long UserChecks::NextDeadline() const

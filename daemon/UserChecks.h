@@ -18,6 +18,9 @@
  * address with the fewest running, and of an address' clients it is for the one that came last; every
  * TurnOfTheFirst-th is for the one that came first, so that nobody waits for ever.
  *
+ * When no process can be had for a check, nothing is tried before ComputingTime has passed. Whoever has
+ * waited for as long as a refusal is held back by then is refused as unchecked.
+ *
  * Owned by the server, used in its loop; never waits. A client in state checking is known here and stays
  * where it is until it is told its verdict or EndAll() is called.
  */
@@ -41,7 +44,8 @@ public:
     void Enqueue(WaitingClient& client);
     /** Gives every client whose check has ended its verdict: state complete when good, refused when bad. */
     void CollectVerdicts();
-    /** Starts what may run. `socketsToClose` makes the list for a worker about to be forked. */
+    /** Starts what may run. `socketsToClose` makes the list for a
+     * worker about to be forked. */
     void StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose);
     /** When StartWaiting() may have something to start though nothing has happened. */
     long long NextDeadline() const;
@@ -51,12 +55,14 @@ public:
 private:
     bool HasRoom() const;
     bool Start(WaitingClient& client, const std::function<QORListPtrBaseSocket()>& socketsToClose) const;
-    WaitingClient* TakeNext();
+    std::deque<WaitingClient*>::iterator FindNext();
+    void RefuseOverdue(long long now);
 
     const int& limitSeconds_;
     std::size_t processors_;
     std::deque<WaitingClient*> waiting_; // in the order of arrival
     std::vector<WaitingClient*> running_;
-    long long lastStart_ = 0;
+    long long lastStart_ = 0; // or attempt to start one
+    bool hasLastStartFailed_ = false;
     unsigned startCount_ = 0;
 };

@@ -151,6 +151,34 @@ TEST(ExhaustionAsRoot, Processes)
     EXPECT_EQ(launch("NOSOCKET"), Finished("on\n", 3));
 }
 
+/** Whoever waits for a check is told, and the system is not asked for a process on behalf of each. */
+TEST(ExhaustionAsRoot, ProcessesForChecks)
+{
+    constexpr int Crowd = 60;
+    const std::string failure = "Error in _InitThreadOrProcess()";
+    const TestAccount account;
+    DaemonUnderTest daemon({.mode = {"-noinstall"}, .user = account.Name(), .toleratedErrors = {failure}});
+    const std::string request =
+        Join({Newest, account.Name(), account.Password(), "echo on; exit 3", "SOCKET", "NOWINDOW", "0"});
+    {
+        const Scarcity scarcity(daemon.Process().Id(), RLIMIT_NPROC, 1, &account);
+        std::vector<Client> clients;
+        for (int i = 0; i < Crowd; ++i)
+            clients.push_back(daemon.Connect());
+        for (Client& client : clients)
+            client.Send(request);
+        for (Client& client : clients)
+            EXPECT_EQ(client.ReadToEnd(), BannerLine + std::string("->Error unable to check the password\n"
+                                                                   "->ProcessReturnCode = NoThing\n"));
+        const std::string errors = daemon.Process().Errors();
+        int attempts = 0;
+        for (size_t at = errors.find(failure); at != std::string::npos; at = errors.find(failure, at + 1))
+            ++attempts;
+        EXPECT_LT(attempts, Crowd);
+    }
+    EXPECT_EQ(Ask(daemon, request), Finished("on\n", 3));
+}
+
 /** Boards only show how far a worker has come: without them everything else is as ever. */
 TEST(ExhaustionAsRoot, SegmentsAndSemaphores)
 {
