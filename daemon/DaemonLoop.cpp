@@ -223,10 +223,8 @@ void RuvelServer::AcceptClients()
 {
     if (listeningSocket_ == nullptr)
         return;
-    waiting_.AcceptAndRead(poller_, *listeningSocket_, [this] {
-        if (!leaving_.MakeRoom())
-            waiting_.MakeRoom();
-    });
+    waiting_.AcceptAndRead(poller_, *listeningSocket_,
+                           [this] { return leaving_.MakeRoom() || waiting_.MakeRoom(); });
 }
 
 void RuvelServer::ServeCompleteRequests()
@@ -240,7 +238,7 @@ void RuvelServer::ServeCompleteRequests()
         Guarded(*client, &RuvelServer::ServeRequest);
     } while (stop_ == Stop::No && !share.IsUsedUp());
     checks_.StartWaiting([this] { return ListSocketsForWorker(); });
-    waiting_.Sweep();
+    waiting_.Sweep(); // after the checks have forgotten who is gone
 }
 
 void RuvelServer::PushAnswers()

@@ -60,8 +60,10 @@ void RuvelServer::ServeRequest(WaitingClient& client)
             return Answer(client, std::string(protocol::BannerLine).append(protocol::MessageEmpty));
         if (!AreArgumentsGood(client) || !IsOwnerAsked(client))
             return;
-        if (NeedsUserCheck(client))
+        if (NeedsUserCheck(client)) {
+            DropConverted(client);
             return checks_.Enqueue(client);
+        }
     }
     (this->*ServiceOf(client).serve)(client);
 }
@@ -129,6 +131,16 @@ bool RuvelServer::NeedsUserCheck(const WaitingClient& client) const
 {
     return client.form->userCheck != protocol::UserCheck::None && !noPasswordCheck_ &&
            ServiceOf(client).kind != RequestKind::Unknown;
+}
+
+/** The text of arguments that have been converted need not wait for the check as well. */
+void RuvelServer::DropConverted(WaitingClient& client)
+{
+    constexpr int upToPassword = 3;
+    if (client.form->userCheck != protocol::UserCheck::AfterArguments)
+        return;
+    client.text.KeepFields(upToPassword);
+    client.fields = client.text.Fields();
 }
 
 /** Answers the refused users whose time has come, as many as one turn has time for. */

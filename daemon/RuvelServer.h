@@ -137,6 +137,7 @@ private:
     bool AreTransferArgumentsGood(WaitingClient& client);
     bool IsOwnerAsked(WaitingClient& client);
     bool NeedsUserCheck(const WaitingClient& client) const;
+    static void DropConverted(WaitingClient& client);
     void RefuseUsers();
     void RefuseUser(WaitingClient& client);
     static const char* RefusalReason(const WaitingClient& client);

@@ -30,6 +30,8 @@ void GiveVerdict(WaitingClient& client, Verdict verdict)
     // One more, as the clock cuts off what is less than a millisecond.
     client.stateDeadline =
         verdict == Verdict::Good ? Deadline::Never : client.completedAt + UserChecks::RefusalDelay + 1;
+    if (verdict != Verdict::Good)
+        client.DropRequest();
 }
 
 in_addr_t AddressOf(const WaitingClient* client)
@@ -49,8 +51,8 @@ UserChecks::UserChecks(const int& limitSeconds)
 
 void UserChecks::Enqueue(WaitingClient& client)
 {
-    client.state = State::Checking;
     waiting_.push_back(&client);
+    client.state = State::Queued;
 }
 
 void UserChecks::CollectVerdicts()
@@ -79,6 +81,7 @@ bool UserChecks::Start(WaitingClient& client,
 
 void UserChecks::StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose)
 {
+    std::erase_if(waiting_, [](const WaitingClient* client) { return client->state == State::Gone; });
     while (!waiting_.empty() && HasRoom()) {
         const auto next = FindNext();
         WaitingClient& client = **next;
@@ -89,6 +92,7 @@ void UserChecks::StartWaiting(const std::function<QORListPtrBaseSocket()>& socke
             return RefuseOverdue(lastStart_);
         waiting_.erase(next);
         running_.push_back(&client);
+        client.state = State::Checking;
         client.text.WipeField(3);
     }
 }

@@ -21,8 +21,9 @@
  * When no process can be had for a check, nothing is tried before ComputingTime has passed. Whoever has
  * waited for as long as a refusal is held back by then is refused as unchecked.
  *
- * Owned by the server, used in its loop; never waits. A client in state checking is known here and stays
- * where it is until it is told its verdict or EndAll() is called.
+ * Owned by the server, used in its loop; never waits. A client in state queued or checking is known here and
+ * stays where it is until it is told its verdict or EndAll() is called; a queued one may also go, but is not
+ * deleted before StartWaiting() has been called.
  */
 class UserChecks
 {
@@ -39,12 +40,12 @@ public:
      * unchecked. */
     explicit UserChecks(const int& limitSeconds);
 
-    /** Puts the client in state checking. Its password stays in its request until its check is started, and
+    /** Puts the client in state queued. Its password stays in its request until its check is started, and
      * is wiped then. */
     void Enqueue(WaitingClient& client);
     /** Gives every client whose check has ended its verdict: state complete when good, refused when bad. */
     void CollectVerdicts();
-    /** Starts what may run. `socketsToClose` makes the list for a
+    /** Forgets the clients that are gone, and starts what may run. `socketsToClose` makes the list for a
      * worker about to be forked. */
     void StartWaiting(const std::function<QORListPtrBaseSocket()>& socketsToClose);
     /** When StartWaiting() may have something to start though nothing has happened. */

@@ -18,13 +18,17 @@
  * | reading  | request whole (end, terminator or silence)     | complete                          |
  * | reading  | read time-out, failure, closed, too long       | traced, gone without an answer    |
  * | complete | served, nothing to check                       | gone (its socket has moved on)    |
- * | complete | password to be checked                         | checking                          |
+ * | complete | password to be checked                         | queued                            |
+ * | queued   | its check is started                           | checking                          |
+ * | queued   | no check can be started for too long           | refused, held back until deadline |
  * | checking | good                                           | served: gone                      |
  * | checking | refused                                        | refused, held back until deadline |
  * | refused  | deadline                                       | answered: gone                    |
+ * | queued, refused | connection reset                        | traced, gone without an answer    |
+ * | reading, queued, refused | has to make room               | traced, gone without an answer    |
  */
 struct WaitingClient {
-    enum class State { Reading, Complete, Checking, Refused, Gone };
+    enum class State { Reading, Complete, Queued, Checking, Refused, Gone };
     /** What is known of the user. Unchecked also when the check itself failed. */
     enum class Verdict { Unchecked, Good, Bad };
 
@@ -49,4 +53,9 @@ struct WaitingClient {
     LaunchArguments launch;     // of the launch forms
     TransferArguments transfer; // of the transfer forms
     Verdict verdict = Verdict::Unchecked;
+
+    /** Bytes of the request that are kept for it, the converted ones included. */
+    std::size_t HeldBytes() const;
+    /** Gives back what a refusal does not need. */
+    void DropRequest();
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <new>
+#include <numeric>
 #include <unordered_map>
 
 #include "daemon/TurnShare.h"
@@ -19,8 +20,10 @@ using State = WaitingClient::State;
 
 void DropUnanswered(WaitingClient& client, const QORUnicodeString& reason)
 {
+    BaseString::PutTrace(client.state == State::Reading ? "Error unable to read request : "
+                                                        : "Error unable to serve a request : ",
+                         reason, 1);
     client.state = State::Gone;
-    BaseString::PutTrace("Error unable to read request : ", reason, 1);
 }
 
 /** The request is whole: what it asks for is looked at when its turn to be served comes. */
@@ -31,27 +34,56 @@ void Complete(WaitingClient& client)
     client.completedAt = Clock::SteadyMilliseconds();
 }
 
+/** Whether somebody may be dropped who has not been answered. */
+bool MayBeDropped(const WaitingClient& client)
+{
+    return client.state == State::Reading || client.state == State::Queued || client.state == State::Refused;
+}
+
+in_addr_t AddressOf(const WaitingClient& client)
+{
+    return client.connection.GetPeerAddress().sin_addr.s_addr;
+}
+
+/** The slot of what is awaited of a client: bytes, or, while it has to wait itself, only that its connection
+ * is reset. One that has closed its sending side alone still waits for its answer. */
+int AddTo(Poller& poller, const WaitingClient& client)
+{
+    if (!MayBeDropped(client))
+        return Poller::NoSlot;
+    const short events = client.state == State::Reading ? POLLIN : 0;
+    return poller.Add(client.connection.GetSocket().GetBaseSocketNumber(), events);
+}
+
 } // namespace
 
 void WaitingClients::Prepare(long descriptorLimit)
 {
-    mostReading_ = static_cast<int>(std::clamp<long>((descriptorLimit - Headroom) / 2, 1, MostReading));
+    mostWaiting_ = static_cast<std::size_t>(
+        std::clamp<long>((descriptorLimit - Headroom) / 2, 1, static_cast<long>(MostWaiting)));
     silentSet_ = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
 }
 
 void WaitingClients::AddTo(Poller& poller, const BaseSocket& listening)
 {
     listeningSlot_ = Poller::NoSlot;
-    if (listening.GetBaseSocketStatus() && acceptAgainAt_ == Deadline::Never)
+    if (listening.GetBaseSocketStatus() && acceptAgainAt_ == Deadline::Never && Count() <= mostWaiting_)
         listeningSlot_ = poller.Add(listening.GetBaseSocketNumber(), POLLIN);
     silentSlot_ = silent_.empty() ? Poller::NoSlot : poller.Add(silentSet_.Number(), POLLIN);
     for (auto& client : heard_)
-        if (client->state == State::Reading)
-            client->slot = poller.Add(client->connection.GetSocket().GetBaseSocketNumber(), POLLIN);
+        client->slot = ::AddTo(poller, *client);
+}
+
+/** Of those who are not gone. */
+std::size_t WaitingClients::Count() const
+{
+    const auto gone = std::count_if(heard_.begin(), heard_.end(),
+                                    [](const auto& client) { return client->state == State::Gone; });
+    return silent_.size() + heard_.size() - static_cast<std::size_t>(gone);
 }
 
 void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
-                                   const std::function<void()>& freeDescriptor)
+                                   const std::function<bool()>& freeDescriptor)
 {
     const long long now = Clock::SteadyMilliseconds();
     ReadHeard(poller, now);
@@ -61,10 +93,10 @@ void WaitingClients::AcceptAndRead(const Poller& poller, BaseSocket& listening,
     const bool resume = Deadline::IsPast(acceptAgainAt_, now);
     if (resume)
         acceptAgainAt_ = Deadline::Never;
-    if (!resume && poller.Events(listeningSlot_) == 0)
-        return;
-    for (int i = 0; i < MostPerTurn && AcceptOne(listening, freeDescriptor); ++i)
-        ;
+    if (resume || poller.Events(listeningSlot_) != 0)
+        for (int i = 0; i < MostPerTurn && AcceptOne(listening, freeDescriptor); ++i)
+            ;
+    LimitHeldBytes();
 }
 
 void WaitingClients::ReadHeard(const Poller& poller, long long now)
@@ -73,8 +105,11 @@ void WaitingClients::ReadHeard(const Poller& poller, long long now)
     auto next = heard_.begin();
     for (; next != heard_.end() && !share.IsUsedUp(); ++next) {
         WaitingClient& client = **next;
-        if (client.state == State::Reading && poller.Events(client.slot) != 0)
+        const bool hasEvent = poller.Events(client.slot) != 0;
+        if (hasEvent && client.state == State::Reading)
             Read(client);
+        else if (hasEvent)
+            DropUnanswered(client, "connection reset by the client");
         client.slot = Poller::NoSlot;
         CheckDeadlines(client, now);
     }
@@ -130,30 +165,41 @@ void WaitingClients::BecomeHeard(WaitingClient& client)
     client.isSilent = false;
 }
 
-/** False when nobody is there to be accepted. */
-bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<void()>& freeDescriptor)
+/** An AcceptResult. What is closed for want of resources is for a second try, and the only thing. */
+int WaitingClients::Accept(BaseSocket& listening, WaitingClient& client, sockaddr_in& address,
+                           const std::function<bool()>& freeDescriptor)
 {
+    BaseSocket& socket = client.connection.GetSocket();
+    const int result = listening.AcceptConnectionFromClientWithTimeOut(socket, address, 0, 0);
+    if (result == BaseSocket::Accepted)
+        exhausted_ = false;
+    if (result != BaseSocket::AcceptFailed)
+        return result;
+    TraceExhaustion(listening.BaseSocketGetLastError());
+    if (!listening.IsOutOfResources() || !freeDescriptor())
+        return result;
+    return listening.AcceptConnectionFromClientWithTimeOut(socket, address, 0, 0);
+}
+
+/** False when nobody else is to be accepted in this turn. */
+bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<bool()>& freeDescriptor)
+{
+    if (Count() > mostWaiting_)
+        return false;
     auto client = std::make_unique<WaitingClient>();
     sockaddr_in address{};
-    const int result =
-        listening.AcceptConnectionFromClientWithTimeOut(client->connection.GetSocket(), address, 0, 0);
-    if (result == BaseSocket::AcceptTimeOut)
-        return false;
-    if (result == BaseSocket::AcceptFailed) {
-        TraceExhaustion(listening.BaseSocketGetLastError());
+    const int result = Accept(listening, *client, address, freeDescriptor);
+    if (result == BaseSocket::AcceptFailed)
         acceptAgainAt_ = Clock::SteadyMilliseconds() + ExhaustionPause;
-        freeDescriptor();
+    if (result != BaseSocket::Accepted)
         return false;
-    }
-    exhausted_ = false;
-    if (readingCount_ >= mostReading_)
+    if (Count() >= mostWaiting_)
         MakeRoom();
     const long long now = Clock::SteadyMilliseconds();
     client->connection.SetPeer(address, now);
     client->readDeadline = now + 1000LL * readTimeOut_;
     WaitingClient& accepted = *client;
     accepted.place = heard_.insert(heard_.end(), std::move(client));
-    ++readingCount_;
     // The request usually comes with the connection: looking at once saves a turn.
     Read(accepted);
     if (accepted.state == State::Reading && accepted.text.IsEmpty())
@@ -178,8 +224,6 @@ void WaitingClients::Read(WaitingClient& client)
         client.state = State::Gone;
         BaseString::PutTrace("Error unable to read request : out of memory", 1);
     }
-    if (client.state != State::Reading)
-        --readingCount_;
 }
 
 void WaitingClients::Receive(WaitingClient& client)
@@ -219,8 +263,6 @@ void WaitingClients::CheckDeadlines(WaitingClient& client, long long now)
         Complete(client);
     else if (Deadline::IsPast(client.readDeadline, now))
         DropUnanswered(client, "time-out");
-    if (client.state != State::Reading)
-        --readingCount_;
 }
 
 WaitingClient* WaitingClients::NextComplete()
@@ -239,7 +281,6 @@ void WaitingClients::Clear()
 {
     silent_.clear();
     heard_.clear();
-    readingCount_ = 0;
 }
 
 long long WaitingClients::NextDeadline() const
@@ -268,31 +309,49 @@ void WaitingClients::AppendSocketsTo(QORListPtrBaseSocket& sockets)
 
 bool WaitingClients::MakeRoom()
 {
-    std::unordered_map<in_addr_t, int> held;
+    return DropOneOfMost([](const WaitingClient&) -> std::size_t { return 1; });
+}
+
+/** What is over the limit for one turn goes before the next. */
+void WaitingClients::LimitHeldBytes()
+{
+    const auto heldByAll = [this] {
+        return std::accumulate(heard_.begin(), heard_.end(), std::size_t{0},
+                               [](std::size_t sum, const auto& client) {
+                                   return client->state == State::Gone ? sum : sum + client->HeldBytes();
+                               });
+    };
+    while (heldByAll() > MostHeldBytes &&
+           DropOneOfMost([](const WaitingClient& client) { return client.HeldBytes(); }))
+        ;
+}
+
+/** Of the address with the largest share, the one that has waited longest and has any of it. */
+bool WaitingClients::DropOneOfMost(Share share)
+{
+    std::unordered_map<in_addr_t, std::size_t> held;
     for (const auto* clients : {&silent_, &heard_})
         for (const auto& client : *clients)
-            if (client->state == State::Reading)
-                ++held[client->connection.GetPeerAddress().sin_addr.s_addr];
+            if (MayBeDropped(*client))
+                held[AddressOf(*client)] += share(*client);
     const auto most = std::max_element(held.begin(), held.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
-    if (most == held.end())
+    if (most == held.end() || most->second == 0)
         return false;
-    WaitingClient& longest = *FindLongestReading(most->first);
+    WaitingClient& longest = *FindLongestWaiting(most->first, share);
     BecomeHeard(longest);
     DropUnanswered(longest, "too many clients wait");
-    --readingCount_;
     longest.connection.GetSocket().CloseBaseSocket();
     return true;
 }
 
 /** The one of this address whose time-out is next; there is one. */
-WaitingClient* WaitingClients::FindLongestReading(in_addr_t address)
+WaitingClient* WaitingClients::FindLongestWaiting(in_addr_t address, Share share)
 {
     WaitingClient* longest = nullptr;
     for (const auto* clients : {&silent_, &heard_})
         for (const auto& client : *clients)
-            if (client->state == State::Reading &&
-                client->connection.GetPeerAddress().sin_addr.s_addr == address &&
+            if (MayBeDropped(*client) && AddressOf(*client) == address && share(*client) != 0 &&
                 (longest == nullptr || client->readDeadline < longest->readDeadline))
                 longest = client.get();
     return longest;

@@ -91,6 +91,21 @@ RequestFields RequestText::Fields() const
     return FieldsBetween(View().substr(0, LengthWithoutTerminator()), separators_, separatorCount_);
 }
 
+void RequestText::KeepFields(int count)
+{
+    if (count > 0 && (separatorCount_ < count || bytes_.capacity() <= FirstRoom))
+        return;
+    SecretBytes kept;
+    if (count > 0) {
+        // With the separator: else what a field ends with might be taken for the request's terminator.
+        const std::size_t length = separators_[static_cast<size_t>(count - 1)] + 1;
+        kept.reserve(std::max(length, FirstRoom));
+        kept.assign(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(length));
+    }
+    kept.swap(bytes_);
+    separatorCount_ = count;
+}
+
 void RequestText::WipeField(int position)
 {
     const std::string_view field = Fields()[position];

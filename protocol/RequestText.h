@@ -62,10 +62,14 @@ public:
     /** Takes what has arrived; false once the request is past the limit. */
     bool Append(std::string_view bytes);
     bool IsEmpty() const { return bytes_.empty(); }
+    std::size_t Size() const { return bytes_.size(); }
     /** 0 when the request is whole, else the silence in milliseconds after which it is. */
     int SilenceToAwait() const;
     /** The fields, one trailing terminator (CR LF, LF or NUL) dropped. Valid until the next change. */
     RequestFields Fields() const;
+    /** Gives back the memory of all but the first `count` fields, where that is worth it; they themselves,
+     * and that they are ended by a separator, stay. Field views become invalid. */
+    void KeepFields(int count);
     /** Overwrites one field in place: a password that has been handed on. Field views stay valid. */
     void WipeField(int position);
 

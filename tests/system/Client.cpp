@@ -22,12 +22,12 @@ constexpr size_t LongestDialogue = 40000;
     throw std::runtime_error(what + std::string(strerror(errno)));
 }
 
-sockaddr_in LoopbackAddress(int port)
+sockaddr_in LoopbackAddress(int port, unsigned host = 1)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl((IN_LOOPBACKNET << 24) + host);
     return address;
 }
 
@@ -65,7 +65,7 @@ void Dialogue::Record(int connection, std::string_view what, std::string_view by
     text_ += "connection " + std::to_string(connection) + " " + std::string(what) + Quote(bytes) + "\n";
 }
 
-Client::Client(int port, Dialogue& dialogue, int receiveBufferBytes)
+Client::Client(int port, Dialogue& dialogue, int receiveBufferBytes, unsigned host)
     : connection_(MakeSocket()), dialogue_(dialogue)
 {
     if (receiveBufferBytes > 0)
@@ -73,8 +73,10 @@ Client::Client(int port, Dialogue& dialogue, int receiveBufferBytes)
                    sizeof receiveBufferBytes);
     const int on = 1;
     setsockopt(connection_.Number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    const sockaddr_in own = LoopbackAddress(0, host);
     const sockaddr_in address = LoopbackAddress(port);
-    if (connect(connection_.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (bind(connection_.Number(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
+        connect(connection_.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         Fail("connect: ");
 }
 

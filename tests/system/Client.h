@@ -24,8 +24,9 @@ private:
 class Client
 {
 public:
-    /** Connects to a port of this machine. A receive buffer of 0 bytes leaves the choice to the system. */
-    Client(int port, Dialogue& dialogue, int receiveBufferBytes = 0);
+    /** Connects to a port of this machine, from 127.0.0.`host`. A receive buffer of 0 bytes leaves the choice
+     * to the system. */
+    Client(int port, Dialogue& dialogue, int receiveBufferBytes = 0, unsigned host = 1);
     /** Takes over a connection that was accepted. */
     Client(Dialogue& dialogue, FileDescriptor connection);
 

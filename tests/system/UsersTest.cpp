@@ -62,6 +62,13 @@ std::chrono::steady_clock::duration ExpectAnswers(DaemonUnderTest& daemon, const
     return untilFirst;
 }
 
+/** The most bytes that it has had resident. */
+[[maybe_unused]] std::size_t MostMemoryOf(pid_t process)
+{
+    const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
+    return std::stoul(status.substr(status.find("VmHWM:") + 6)) * 1024;
+}
+
 /** A daemon that this account runs. */
 DaemonOptions RunBy(const TestAccount& account, const std::vector<std::string>& mode)
 {
@@ -128,6 +135,9 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
         table.push_back({Keyword("INFO", refused), Reason});
     }
     table.push_back({Keyword("ALLINFO", wrong), Reason});
+    // Of a long request only this much is kept: its end is none of the request.
+    const std::string many = " #" + std::string(5000, 'x');
+    table.push_back({LaunchAs({name, password + "\n"}, "true" + many), RefusedLaunch});
     for (const char* kill : {"KILL", "KILLTREE", "FORCEKILL", "FORCEKILLTREE"})
         table.push_back({Keyword(kill, wrong) + "|0", Reason + "\n"});
 
@@ -139,7 +149,7 @@ TEST(Users, EveryRefusalHasTheSameWordsAndIsHeldBack)
                  "\n" + ReturnLine(1)});
 
     EXPECT_GE(ExpectAnswers(daemon, table), Hold);
-    EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo still here")), Finished("still here\n", 0));
+    EXPECT_EQ(Ask(daemon, LaunchAs(Right(account), "echo still here" + many)), Finished("still here\n", 0));
 }
 
 TEST(Users, WrongPasswordsInFlightHoldUpNobody)
@@ -158,6 +168,32 @@ TEST(Users, WrongPasswordsInFlightHoldUpNobody)
     EXPECT_LT(std::count_if(wrong.begin(), wrong.end(), std::mem_fn(&Client::HasArrived)), Crowd);
     for (Client& client : wrong)
         EXPECT_EQ(client.ReadToEnd(), RefusedLaunch);
+}
+
+TEST(Users, ACrowdOfLongRequestsTakesNoMemoryAndNobodyElsesPlace)
+{
+    constexpr int Crowd = 300; // of a mebibyte each
+    const TestAccount account;
+    DaemonUnderTest daemon({.mode = {}});
+    const auto connectFromElsewhere = [&] { return Client(daemon.Port(), daemon.Conversation(), 0, 2); };
+    const std::size_t before = CountDescriptorsOf(daemon.Process().Id());
+    {
+        Client silent = connectFromElsewhere();
+        Client wrong = connectFromElsewhere();
+        wrong.Send(LaunchAs({account.Name(), "wrong"}));
+        Client gone = connectFromElsewhere();
+        gone.Send(LaunchAs({account.Name(), "wrong"}));
+        for (int i = 0; i < Crowd; ++i)
+            daemon.Connect().Send(LaunchAs({account.Name(), "wrong"}, std::string(1'000'000, 'x')) + "\n");
+        gone.Reset();
+        EXPECT_EQ(wrong.ReadToEnd(), RefusedLaunch);
+        silent.Send(LaunchAs(Right(account), "echo in"));
+        EXPECT_EQ(silent.ReadToEnd(), Finished("in\n", 0));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(daemon.Process().Id()) == before; }));
+#ifndef __SANITIZE_ADDRESS__ // which keeps what has been given back
+    EXPECT_LT(MostMemoryOf(daemon.Process().Id()), 150'000'000U);
+#endif
 }
 
 TEST(Users, AnAttachedCommandCannotHoldUpTheDaemon)
