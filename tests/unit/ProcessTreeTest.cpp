@@ -56,6 +56,20 @@ TEST_F(ProcessTreeTest, WhoeverTheCommandLeavesInItsSessionIsReachedWhenItHasEnd
     }));
 }
 
+TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
+{
+    BaseProcess process;
+    StartTree(process, "trap '' TERM; %; exec sleep 1000");
+    const pid_t command = WaitForIds(1).at(0);
+    // Continued is only who had stopped; a busy machine may give a member no time to.
+    EXPECT_TRUE(WaitUntil([&] {
+        process.KillBaseProcessTree(0);
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(command), &info, WCONTINUED | WNOHANG) == 0 &&
+               info.si_pid == command;
+    }));
+}
+
 TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
 {
     BaseProcess process;
@@ -69,6 +83,28 @@ TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
     ProcessTree tree = process.TakeProcessTree();
     EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
     EXPECT_EQ(CountOf(ids), 0U);
+}
+
+TEST_F(ProcessTreeTest, WhoNeverStaysIsCaught)
+{
+    // One grows as fast as it can; the other always leaves a successor of another session and ends.
+    std::ofstream(Path("hop")) << Witness() << "; (setsid sh " << Path("hop") << " &)\n";
+    const std::string growing = "while :; do (setsid @ &); (setsid @ &); done";
+    const std::string hopping = "sh " + Path("hop") + "; sleep 1000";
+    for (const std::string& shell : {growing, hopping}) {
+        BaseProcess process;
+        std::filesystem::remove(Path("ids"));
+        StartTree(process, shell);
+        WaitForIds(20);
+        process.KillBaseProcessTree(1);
+        EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+        ProcessTree tree = process.TakeProcessTree();
+        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+        EXPECT_TRUE(WaitUntil([] {
+            ChildTable::Reap();
+            return waitpid(-1, nullptr, WNOHANG) == -1;
+        }));
+    }
 }
 
 TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
