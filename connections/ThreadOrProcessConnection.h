@@ -38,6 +38,8 @@ public:
      * negative is without limit), with its status; 0 when it still runs.
      */
     int WaitThreadOrProcess(int& status, const int& timeOut);
+    /** What a check would find, without asking: false also when there is no worker. */
+    bool IsWorkerRunning() const { return ChildTable::IsRunning(worker_); }
     /** Signals the worker: kill when `force` is not 0, else terminate. 0 when sent or nobody is there. */
     int TerminateThreadOrProcess(const int& force);
     /** Forgets the worker without signalling it. */

@@ -29,10 +29,16 @@ void Ending::Signal(const EndingDemand& demand)
 bool Ending::HasEnded(int& code)
 {
     if (!ended_)
-        ended_ = worker_ != nullptr ? worker_->CheckThreadOrProcess(code_) != 0
-                                    : command_->GetProcess().CheckForProcess(code_) != 0;
+        ended_ = worker_ != nullptr ? HasWorkerEnded() : command_->GetProcess().CheckForProcess(code_) != 0;
     code = code_;
     return ended_;
+}
+
+/** A worker that is being ended is waited for, and a wait tells a fatal signal in its own way. It looks for
+ * ended children first: so it is made only where it ends at once. */
+bool Ending::HasWorkerEnded()
+{
+    return !worker_->IsWorkerRunning() && worker_->WaitThreadOrProcess(code_, 0) != 0;
 }
 
 std::vector<EndingDemand*> Ending::Advance()

@@ -83,6 +83,7 @@ public:
     long long TreeDeadline() const;
 
 private:
+    bool HasWorkerEnded();
     void Signal(const EndingDemand& demand);
     void Climb(EndingDemand& demand, long long now);
 

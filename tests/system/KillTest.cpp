@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "tests/system/SystemFacts.h"
 #include "tests/system/TransferClient.h"
@@ -134,6 +135,35 @@ TEST(Kill, WhoeverIgnoresItHoldsUpNobodyAndCanBeForced)
     EXPECT_EQ(again.ReadToEnd(), ToKiller(Killed(0, "tree killed", "137")));
     EXPECT_EQ(stubborn.ReadToEnd(), Killed(0, "killed", "137"));
     EXPECT_THAT(Ask(daemon, Keyword("INFO")), HasSubstr("->Found 0 active command(s)\n"));
+}
+
+TEST(Kill, ATransferThatAnotherSignalEndsIsToldAsWhatIsWaitedFor)
+{
+    if (ReadFile("/proc/sys/kernel/core_pattern").starts_with("|"))
+        GTEST_SKIP() << "a core is dumped whatever the limit";
+    rlimit before{};
+    getrlimit(RLIMIT_CORE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_CORE, &none);
+    DaemonUnderTest daemon;
+    setrlimit(RLIMIT_CORE, &before);
+    const TestDirectory directory;
+    TransferClient transfer(daemon,
+                            TransferOrder{.keyword = "TRANSFERPUT", .file = directory.Path() + "/put"});
+    const Client data = transfer.OpenData("READ");
+    transfer.Control().ReadUntil(BannerLine);
+    ASSERT_EQ(daemon.Descendants().size(), 1u);
+    const pid_t worker = daemon.Descendants().front();
+    kill(worker, SIGSTOP);
+    Client asker = Begin(daemon, Kill("KILL", "0"));
+    ASSERT_TRUE(WaitUntil([&] {
+        return ReadFile("/proc/" + std::to_string(worker) + "/status").find("ShdPnd:\t0000000000004000\n") !=
+               std::string::npos;
+    }));
+    // The lowest that is pending comes first.
+    kill(worker, SIGQUIT);
+    kill(worker, SIGCONT);
+    EXPECT_THAT(asker.ReadToEnd(), HasSubstr("\n" + ReturnLine(333)));
 }
 
 TEST(Kill, WhoeverIgnoresItToTheEndIsLetGo)
