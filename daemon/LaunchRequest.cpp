@@ -42,7 +42,7 @@ void RuvelServer::ServeLaunch(WaitingClient& client)
     }
 
     BaseConnection& started = *command;
-    entry.key() = started.GetProcess().GetProcessId();
+    entry.key() = started.GetProcess().GetSerial();
     commandOf_.insert(std::move(entry));
     commands_.Append(command.release());
     NoteLifeTime(started);
@@ -61,7 +61,7 @@ void RuvelServer::Describe(BaseConnection& command, const WaitingClient& client)
         command.SetPassiveHostAddressAndPortNumber(arguments.passiveHost, arguments.passivePort);
 }
 
-/** To be inserted, which then takes no memory, once the process id is known. */
+/** To be inserted, which then takes no memory, once the serial is known. */
 RuvelServer::CommandIndex::node_type RuvelServer::MakeIndexEntry(BaseConnection& command)
 {
     commandOf_.reserve(commandOf_.size() + 1);

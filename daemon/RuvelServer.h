@@ -101,7 +101,7 @@ public:
 private:
     using State = WaitingClient::State;
     using RequestKind = protocol::RequestKind;
-    using CommandIndex = std::unordered_map<long, BaseConnection*>;
+    using CommandIndex = std::unordered_map<unsigned long long, BaseConnection*>;
     enum class Stop { No, Demanded, EndingWork, AwaitingLogs, EndingLogs, TakingLeave, Done };
 
     // Start-up and the turn (DaemonLoop.cpp).
@@ -226,10 +226,11 @@ private:
     QORListPtrLogConnection logs_;
     QORListPtrBaseConnection commands_;
     QORListPtrTransferConnection transfers_;
-    /** The live commands by process id, so that an end finds its own however many there are. */
+    /** The live commands by serial, so that an end finds its own however many there are, and though the
+     * process id may already be another's. */
     CommandIndex commandOf_;
-    /** Process ids of children that have ended and have not been looked at. */
-    std::deque<long> ends_;
+    /** Serials of children that have ended and have not been looked at. */
+    std::deque<unsigned long long> ends_;
     /** Memory ran out in a turn: the next one must not wait for something to happen. */
     bool isUnfinished_ = false;
     /** Workers that answer ALLINFO. */

@@ -93,7 +93,7 @@ void RuvelServer::CheckCommands()
 /** Off the list and out of the index. */
 std::unique_ptr<BaseConnection> RuvelServer::TakeCommand(BaseConnection* command)
 {
-    commandOf_.erase(command->GetProcess().GetProcessId());
+    commandOf_.erase(command->GetProcess().GetSerial());
     TakeOff(commands_, command);
     return std::unique_ptr<BaseConnection>(command);
 }

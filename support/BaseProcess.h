@@ -67,6 +67,10 @@ public:
     /** The started command's process id, 0 before the start and after ResetBeforeDestruction(). */
     int GetProcessId() const { return processId_; }
 
+    /** Tells the started command from every other, unlike its process id, which is used again. 0 before the
+     * start and after ResetBeforeDestruction(). */
+    unsigned long long GetSerial() const { return child_.serial; }
+
     /** The user id that the command was started under, which its output file belongs to; nobody's (-1) as
      * long as no start has succeeded. */
     uid_t GetUserId() const { return userId_; }

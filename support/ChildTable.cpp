@@ -36,8 +36,8 @@ struct Abandoned {
 Abandoned* abandoned = nullptr;
 unsigned long long lastSerial = 0;
 int unaskedEnds = 0;
-std::vector<long> ends;           // that nobody has taken yet; there is room for everybody's
-std::array<pid_t, 16> youngest{}; // the last that were entered, each in the place of its serial
+std::vector<unsigned long long> ends; // serials that nobody has taken yet; there is room for everybody's
+std::array<pid_t, 16> youngest{};     // the last that were entered, each in the place of its serial
 
 constexpr int MostReapedByWalk = 16;
 constexpr int BlindPollMilliseconds = 10; // between two looks at a child for which no pidfd could be had
@@ -67,7 +67,7 @@ void NoteEnd(pid_t processId, int waitStatus)
     found->second.waitStatus = waitStatus;
     found->second.timeOfEnd = Clock::SteadyMilliseconds();
     ++unaskedEnds;
-    ends.push_back(processId);
+    ends.push_back(found->second.serial);
 }
 
 /** False when no child is there that has ended. */
@@ -220,9 +220,9 @@ int CountOfRunning()
     return static_cast<int>(records.size()) - unaskedEnds;
 }
 
-void TakeEnds(std::deque<long>& processIds)
+void TakeEnds(std::deque<unsigned long long>& serials)
 {
-    processIds.insert(processIds.end(), ends.begin(), ends.end());
+    serials.insert(serials.end(), ends.begin(), ends.end());
     ends.clear();
 }
 

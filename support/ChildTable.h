@@ -64,9 +64,9 @@ void Forget(const ChildId& child);
 int CountOfUnaskedEnds();
 /** Number of children that run. */
 int CountOfRunning();
-/** Appends the process ids of the table's children that were collected since the last call, in the order of
+/** Appends the serials of the table's children that were collected since the last call, in the order of
  * their ends. */
-void TakeEnds(std::deque<long>& processIds);
+void TakeEnds(std::deque<unsigned long long>& serials);
 /** Drops everything: the first thing a forked worker does, whose children these are not. */
 void Clear();
 } // namespace ChildTable
