@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "support/Clock.h"
@@ -24,8 +25,10 @@ constexpr int MostMissedInARow = 8;         // looks at the orphans alone
 // no proof yet.
 constexpr int QuietWalksAfterMiss = 4;
 constexpr long long MostClosingMilliseconds = 10; // for the last look of a search that is broken off
-// What a tree may take of the descriptors that everybody needs; members beyond are told by start time.
-constexpr std::size_t MostPidDescriptors = 1024;
+// What all trees may take of the descriptors that everybody needs, and this part of the limit at most;
+// members beyond are told by start time.
+constexpr rlim_t MostPidDescriptors = 1024;
+constexpr rlim_t PartForPidDescriptors = 4;
 
 /** Steady milliseconds in the unit of start times. */
 unsigned long long ToTicks(long long milliseconds)
@@ -40,6 +43,31 @@ void Nap()
     nanosleep(&nap, nullptr);
 }
 } // namespace
+
+int ProcessTree::Handle::count = 0;
+
+ProcessTree::Handle::Handle(pid_t processId)
+{
+    if (!IsOneLeft())
+        return;
+    descriptor_ = FileDescriptor(PidDescriptor::Open(processId));
+    if (IsOpen())
+        ++count;
+}
+
+ProcessTree::Handle::~Handle()
+{
+    if (IsOpen())
+        --count;
+}
+
+/** The limit may be changed at any time. */
+bool ProcessTree::Handle::IsOneLeft()
+{
+    rlimit limit{};
+    const rlim_t files = getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+    return static_cast<rlim_t>(count) < std::min(MostPidDescriptors, files / PartForPidDescriptors);
+}
 
 /**
  * One search for members, each of which is held and stopped as soon as it is found. An id that was read
@@ -158,12 +186,11 @@ void ProcessTree::Search::Consider(pid_t orphan)
 /** `parent` null: a child of this process, whose id stays its own because nobody else reaps it. */
 void ProcessTree::Search::Hold(pid_t processId, const Member* parent)
 {
-    const bool wantsDescriptor = tree_.members_.size() < MostPidDescriptors;
-    Member member{processId, FileDescriptor(wantsDescriptor ? PidDescriptor::Open(processId) : -1), 0};
+    Member member{processId, Handle(processId), 0};
     ProcessStatus status;
     if (!ProcessFiles::ReadStatus(processId, status)) {
         // Either it is gone, or the pidfd was the last descriptor there was, which reading needs more.
-        member.pidDescriptor = FileDescriptor();
+        member.pidDescriptor = Handle();
         if (!ProcessFiles::ReadStatus(processId, status))
             return Miss(processId);
     }

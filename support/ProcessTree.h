@@ -45,9 +45,28 @@ public:
     int CountAlive();
 
 private:
+    /** A pidfd, or none: all trees together have a limited number, as everybody needs descriptors. */
+    class Handle
+    {
+    public:
+        Handle() = default;
+        explicit Handle(pid_t processId);
+        Handle(Handle&&) = default;
+        Handle& operator=(Handle&&) = default;
+        ~Handle();
+
+        int Number() const { return descriptor_.Number(); }
+        bool IsOpen() const { return descriptor_.IsOpen(); }
+
+    private:
+        static bool IsOneLeft();
+
+        static int count;
+        FileDescriptor descriptor_;
+    };
     struct Member {
         pid_t processId;
-        FileDescriptor pidDescriptor; // none when none could be had
+        Handle pidDescriptor;
         unsigned long long startTime; // clock ticks since boot, tells a reused id
     };
     class Search;

@@ -142,6 +142,39 @@ TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
     }
 }
 
+TEST_F(ProcessTreeTest, AllTreesTogetherTakeAQuarterOfTheDescriptors)
+{
+    const auto countOpen = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few{64, before.rlim_max};
+    BaseProcess one, other;
+    for (BaseProcess* process : {&one, &other})
+        StartTree(*process, "trap '' TERM; for i in 1 2 3 4 5 6 7 8 9 10 11 12; do @ & done; wait");
+    const std::vector<pid_t> ids = WaitForIds(24);
+    const auto open = countOpen();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    for (BaseProcess* process : {&one, &other})
+        process->KillBaseProcessTree(0);
+    EXPECT_LE(countOpen() - open, 64 / 4);
+    // A look is limited in time, and on a busy machine one may not be enough.
+    EXPECT_TRUE(WaitUntil([&] {
+        for (BaseProcess* process : {&one, &other})
+            process->KillBaseProcessTree(1);
+        ChildTable::Reap();
+        return CountOf(ids) == 0;
+    }));
+    for (BaseProcess* process : {&one, &other}) {
+        EXPECT_EQ(WaitForEnd(*process), 128 + SIGKILL);
+        ProcessTree tree = process->TakeProcessTree();
+        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    }
+    EXPECT_EQ(countOpen(), open) << "a descriptor is still held";
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
 TEST_F(ProcessTreeTest, BothWaysOfFindingChildrenAgree)
 {
     BaseProcess process;
