@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "support/AdoptedOrphans.h"
 #include "support/Clock.h"
 #include "support/PidDescriptor.h"
 
@@ -62,7 +63,7 @@ void NoteEnd(pid_t processId, int waitStatus)
 {
     const auto found = FindRunning(processId);
     if (found == records.end())
-        return;
+        return AdoptedOrphans::Forget(processId);
     found->second.ended = true;
     found->second.waitStatus = waitStatus;
     found->second.timeOfEnd = Clock::SteadyMilliseconds();

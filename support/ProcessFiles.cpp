@@ -21,20 +21,21 @@ constexpr std::size_t LongestChildrenList = 4194304; // ids, as text: more than 
 // Far more than an ordinary environment; a hostile one is not read to its end.
 constexpr std::size_t LongestEnvironment = 262144;
 
-/** At most `limit` bytes. */
-std::string ReadAll(const FileDescriptor& file, std::size_t limit)
+/** At most `limit` bytes. False when an error came before the end. */
+bool ReadAll(const FileDescriptor& file, std::size_t limit, std::string& content)
 {
-    std::string content;
     std::size_t length = 0;
+    bool isWhole = true;
     for (;;) {
         content.resize(std::min(limit, std::max(FirstBlock, length * 2)));
         const ssize_t count = read(file.Number(), content.data() + length, content.size() - length);
-        if (count == 0 || (count < 0 && errno != EINTR))
+        isWhole = count >= 0 || errno == EINTR;
+        if (count == 0 || !isWhole)
             break;
         length += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     content.resize(length);
-    return content;
+    return isWhole;
 }
 
 FileDescriptor OpenFile(const std::string& name)
@@ -46,7 +47,10 @@ FileDescriptor OpenFile(const std::string& name)
 std::string ReadFile(const std::string& name, std::size_t limit)
 {
     const FileDescriptor file = OpenFile(name);
-    return file.IsOpen() ? ReadAll(file, limit) : std::string();
+    std::string content;
+    if (file.IsOpen())
+        ReadAll(file, limit, content);
+    return content;
 }
 
 std::string FolderOf(pid_t processId)
@@ -127,6 +131,13 @@ bool IsBetweenPrograms(pid_t processId)
         position = line.find(' ', position + 1);
     return position != std::string::npos && line.compare(position, 3, " 0 ") == 0;
 }
+
+bool ReadEnvironmentFile(pid_t processId, std::string& content)
+{
+    content.clear();
+    const FileDescriptor file = OpenFile(FolderOf(processId) + "/environ");
+    return file.IsOpen() && ReadAll(file, LongestEnvironment, content);
+}
 } // namespace
 
 namespace ProcessFiles
@@ -149,18 +160,18 @@ bool IsStill(pid_t processId)
     });
 }
 
-Answer HasEnvironmentEntry(pid_t processId, std::string_view entry)
+Reading ReadEnvironment(pid_t processId, std::string& entries)
 {
-    FileDescriptor file = OpenFile(FolderOf(processId) + "/environ");
-    if (!file.IsOpen())
-        return Answer::No;
-    const std::string content = ReadAll(file, LongestEnvironment);
-    file = FileDescriptor(); // it may be the last one there is, which the next look needs
-    if (content.empty())
-        return IsBetweenPrograms(processId) ? Answer::NotYet : Answer::No;
+    bool isWhole = ReadEnvironmentFile(processId, entries);
+    if (isWhole && entries.empty()) {
+        if (IsBetweenPrograms(processId))
+            return Reading::NotYet;
+        // It may have been, and the new program have its environment by now.
+        isWhole = ReadEnvironmentFile(processId, entries);
+    }
     // Every entry ends with a NUL; a NUL in front of the first makes all of them look alike.
-    const std::string whole = '\0' + std::string(entry) + '\0';
-    return ('\0' + content).find(whole) != std::string::npos ? Answer::Yes : Answer::No;
+    entries.insert(0, 1, '\0');
+    return isWhole ? Reading::Whole : Reading::Partial;
 }
 } // namespace ProcessFiles
 

@@ -27,10 +27,10 @@ namespace ProcessFiles
 bool ReadStatus(pid_t processId, ProcessStatus& status);
 /** True when no thread of it runs: each one has stopped or ended. True of a process that is gone. */
 bool IsStill(pid_t processId);
-enum class Answer { No, Yes, NotYet };
-/** Whether `entry` (NAME=value) is one of the environment's entries; No when that may not be read, NotYet
- * while the process is just exchanging its program for another and has no environment. */
-Answer HasEnvironmentEntry(pid_t processId, std::string_view entry);
+enum class Reading { Whole, Partial, NotYet };
+/** The environment's entries, a NUL in front of each and behind the last. Partial when some or all may not be
+ * read, NotYet while the process is just exchanging its program for another and has no environment. */
+Reading ReadEnvironment(pid_t processId, std::string& entries);
 } // namespace ProcessFiles
 
 /**

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "support/AdoptedOrphans.h"
 #include "support/Clock.h"
 #include "support/PidDescriptor.h"
 #include "support/ProcessFiles.h"
@@ -25,6 +26,7 @@ constexpr int MostMissedInARow = 8;         // looks at the orphans alone
 // no proof yet.
 constexpr int QuietWalksAfterMiss = 4;
 constexpr long long MostClosingMilliseconds = 10; // for the last look of a search that is broken off
+constexpr long long SettlingMilliseconds = 1000;
 // What all trees may take of the descriptors that everybody needs, and this part of the limit at most;
 // members beyond are told by start time.
 constexpr rlim_t MostPidDescriptors = 1024;
@@ -35,6 +37,14 @@ unsigned long long ToTicks(long long milliseconds)
 {
     static const long long ticksPerSecond = sysconf(_SC_CLK_TCK);
     return static_cast<unsigned long long>(milliseconds * ticksPerSecond / 1000);
+}
+
+/** One that was just made may still be about to exchange its program, and with it its environment; one whose
+ * first thread has ended shows none. */
+bool IsSettledIn(const ProcessStatus& process)
+{
+    return process.state != 'Z' &&
+           process.startTime + ToTicks(SettlingMilliseconds) <= ToTicks(Clock::SteadyMilliseconds());
 }
 
 void Nap()
@@ -98,6 +108,7 @@ private:
     void LookForMembers();
     void WalkOrphans(ChildrenReader& reader);
     void WalkMembers(ChildrenReader& reader);
+    bool IsStranger(pid_t orphan) const;
     void Miss(pid_t processId);
     void Consider(pid_t orphan);
     void Hold(pid_t processId, const Member* parent);
@@ -167,20 +178,20 @@ void ProcessTree::Search::Consider(pid_t orphan)
     }
     if (status.HasEnded())
         return Miss(orphan);
-    switch (ProcessFiles::HasEnvironmentEntry(orphan, tree_.mark_)) {
-    case ProcessFiles::Answer::Yes:
-        Hold(orphan, nullptr);
-        break;
-    case ProcessFiles::Answer::No:
-        // It may have ended between the two looks, and its successor be there by now.
-        if (!ProcessFiles::ReadStatus(orphan, status) || status.HasEnded())
-            return Miss(orphan);
-        strangers_.insert(orphan);
-        break;
-    case ProcessFiles::Answer::NotYet:
+    std::string environment;
+    const ProcessFiles::Reading reading = ProcessFiles::ReadEnvironment(orphan, environment);
+    if (reading == ProcessFiles::Reading::NotYet) {
         doubtful_ = true;
-        break;
+        return;
     }
+    if (environment.find('\0' + tree_.mark_ + '\0') != std::string::npos)
+        return Hold(orphan, nullptr);
+    // It may have ended between the two looks, and its successor be there by now.
+    if (!ProcessFiles::ReadStatus(orphan, status) || status.HasEnded())
+        return Miss(orphan);
+    strangers_.insert(orphan);
+    if (reading == ProcessFiles::Reading::Whole && IsSettledIn(status))
+        AdoptedOrphans::Note(orphan, status.session, environment, tree_.mark_);
 }
 
 /** `parent` null: a child of this process, whose id stays its own because nobody else reaps it. */
@@ -213,9 +224,15 @@ void ProcessTree::Search::WalkOrphans(ChildrenReader& reader)
     const std::vector<pid_t> children = reader.ListChildren(getpid());
     for (auto child = children.rbegin(); child != children.rend(); ++child) {
         // Another command or a worker is no orphan, whatever it bears.
-        if (!members_.contains(*child) && !strangers_.contains(*child) && !ChildTable::HoldsRunning(*child))
+        if (!members_.contains(*child) && !IsStranger(*child) && !ChildTable::HoldsRunning(*child))
             Consider(*child);
     }
+}
+
+bool ProcessTree::Search::IsStranger(pid_t orphan) const
+{
+    const auto session = static_cast<pid_t>(tree_.command_.processId);
+    return strangers_.contains(orphan) || AdoptedOrphans::IsStranger(orphan, session, tree_.mark_);
 }
 
 void ProcessTree::Search::Walk()

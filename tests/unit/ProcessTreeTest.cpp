@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/syscall.h>
 
+#include "support/Clock.h"
 #include "support/FileDescriptor.h"
 #include "tests/unit/Commands.h"
 
@@ -107,6 +108,28 @@ TEST_F(ProcessTreeTest, WhoNeverStaysIsCaught)
     }
 }
 
+TEST_F(ProcessTreeTest, WhoIsAStrangerToOneTreeIsFoundByItsOwn)
+{
+    BaseProcess one, other;
+    StartTree(other, "(setsid @ &); (env -i @ &); wait; %; exec sleep 1000");
+    const std::vector<pid_t> ids = WaitForIds(3);
+    StartTree(one, "%; exec sleep 1000");
+    ASSERT_EQ(WaitForIds(4).size(), 4U);
+    const auto isRemembered = [](pid_t id) {
+        ProcessStatus status;
+        return ProcessFiles::ReadStatus(id, status) &&
+               Clock::SteadyMilliseconds() / 1000 > static_cast<long long>(status.startTime) / 100 + 1;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return std::all_of(ids.begin(), ids.end(), isRemembered); }));
+    for (int look = 0; look < 2; ++look)
+        EXPECT_EQ(one.KillBaseProcessTree(1), 0);
+    EXPECT_EQ(WaitForEnd(one), 128 + SIGKILL);
+    EXPECT_EQ(CountOf(ids), 3U);
+    EXPECT_EQ(other.KillBaseProcessTree(1), 0);
+    EXPECT_EQ(WaitForEnd(other), 128 + SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; }));
+}
+
 TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
 {
     for (const int left : {0, 1, 3}) {
@@ -147,30 +170,26 @@ TEST_F(ProcessTreeTest, AllTreesTogetherTakeAQuarterOfTheDescriptors)
     const auto countOpen = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
+    BaseProcess processes[2];
+    for (BaseProcess& process : processes)
+        StartTree(process, "trap '' TERM; for i in 1 2 3 4 5 6 7 8 9 10 11 12; do @ & done; wait");
+    const std::vector<pid_t> ids = WaitForIds(24);
+    const auto open = countOpen();
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit few{64, before.rlim_max};
-    BaseProcess one, other;
-    for (BaseProcess* process : {&one, &other})
-        StartTree(*process, "trap '' TERM; for i in 1 2 3 4 5 6 7 8 9 10 11 12; do @ & done; wait");
-    const std::vector<pid_t> ids = WaitForIds(24);
-    const auto open = countOpen();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-    for (BaseProcess* process : {&one, &other})
-        process->KillBaseProcessTree(0);
+    for (BaseProcess& process : processes)
+        process.KillBaseProcessTree(0);
     EXPECT_LE(countOpen() - open, 64 / 4);
-    // A look is limited in time, and on a busy machine one may not be enough.
     EXPECT_TRUE(WaitUntil([&] {
-        for (BaseProcess* process : {&one, &other})
-            process->KillBaseProcessTree(1);
+        for (BaseProcess& process : processes)
+            process.KillBaseProcessTree(1);
         ChildTable::Reap();
         return CountOf(ids) == 0;
     }));
-    for (BaseProcess* process : {&one, &other}) {
-        EXPECT_EQ(WaitForEnd(*process), 128 + SIGKILL);
-        ProcessTree tree = process->TakeProcessTree();
-        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
-    }
+    for (BaseProcess& process : processes)
+        process.ResetBeforeDestruction();
     EXPECT_EQ(countOpen(), open) << "a descriptor is still held";
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
