@@ -62,14 +62,16 @@ void RuvelServer::ServeOneTurn()
     if (IsNothingAlive())
         BaseProcess::CleanZombiProcess();
     WaitForActivity();
+    isCutShort_ = false;
     ReceiveSignals();          // before serving: a kill must not hit what has just ended
     checks_.CollectVerdicts(); // before serving: a good user is served in this turn
     AcceptClients();
     ServeCompleteRequests();
     PushAnswers();
-    ReportEnds();
+    CheckForLaunchedCommand();
     CheckConnectionLife();
     AdvanceEndings();
+    AdvanceRemainders();
     StartFarewells();  // after all that may have ended a command
     AdvanceShutdown(); // last: it looks at what the steps before have left
 }
@@ -165,8 +167,8 @@ long long RuvelServer::NextDeadline() const
     long long next = Deadline::Earlier(waiting_.NextDeadline(), leaving_.NextDeadline());
     next = Deadline::Earlier(next, checks_.NextDeadline());
     next = Deadline::Earlier(next, startFarewellsAt_);
-    if (!ends_.empty())
-        return 0; // more than one turn could report
+    if (isCutShort_ || !ends_.empty())
+        return 0; // more than one turn could do
     if (isUnfinished_)
         next = Deadline::Earlier(next, Clock::SteadyMilliseconds() + MemoryPause);
     next = Deadline::Earlier(next, Deadline::Earlier(stopDeadline_, reapAllAt_));

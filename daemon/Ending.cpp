@@ -41,6 +41,18 @@ bool Ending::HasWorkerEnded()
     return !worker_->IsWorkerRunning() && worker_->WaitThreadOrProcess(code_, 0) != 0;
 }
 
+bool Ending::HasCause(EndingCause cause) const
+{
+    return std::any_of(demands_.begin(), demands_.end(),
+                       [cause](const auto& demand) { return demand->cause == cause; });
+}
+
+bool Ending::IsDue(long long now)
+{
+    int code = 0;
+    return HasEnded(code) || IsOver() || Deadline::IsPast(NextDeadline(), now);
+}
+
 std::vector<EndingDemand*> Ending::Advance()
 {
     int code = 0;

@@ -63,6 +63,10 @@ public:
     explicit Ending(ThreadOrProcessConnection& worker) : worker_(&worker) {}
 
     void Add(EndingDemand demand);
+    /** True when a demand has been made for this cause. */
+    bool HasCause(EndingCause cause) const;
+    /** True when Advance() has something to do, or the ending is over. */
+    bool IsDue(long long now);
     /**
      * Looks whether the work has ended and climbs the ladders whose time is over. Returns the demands that
      * came to their end in this call, in the order in which they were made.

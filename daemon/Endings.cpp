@@ -1,5 +1,10 @@
+#include <algorithm>
+#include <utility>
+
 #include "daemon/RuvelServer.h"
+#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
+#include "support/Clock.h"
 
 namespace
 {
@@ -54,22 +59,55 @@ void RuvelServer::EndTransfer(TransferConnection& transfer, EndingCause cause, s
     EndWorkOf(transfer, std::move(demand));
 }
 
+/** As much as one turn has time for. The next one begins behind whoever was served last. */
 void RuvelServer::AdvanceEndings()
 {
-    for (auto next = endings_.begin(); next != endings_.end();) {
-        Ending& ending = *next->second;
-        for (EndingDemand* demand : ending.Advance())
-            FinishGuarded(ending, *demand);
-        if (!ending.IsOver()) {
-            ++next;
-            continue;
+    const long long now = Clock::SteadyMilliseconds();
+    const TurnShare share;
+    auto next = endings_.upper_bound(lastAdvanced_);
+    for (size_t left = endings_.size(); left > 0; --left) {
+        if (next == endings_.end())
+            next = endings_.begin();
+        const auto current = next++;
+        if (!current->second->IsDue(now))
+            continue; // it has cost next to nothing
+        lastAdvanced_ = current->first;
+        AdvanceEnding(current);
+        if (share.IsUsedUp()) {
+            isCutShort_ = true;
+            return;
         }
-        remainders_.reserve(remainders_.size() + 1);
-        // Off the list first: the work goes, whatever happens on the way.
-        const auto over = endings_.extract(next++);
-        DropEndedWork(*over.mapped());
     }
-    std::erase_if(remainders_, [](TreeRemainder& remainder) { return remainder.Advance(); });
+}
+
+void RuvelServer::AdvanceEnding(EndingMap::iterator current)
+{
+    Ending& ending = *current->second;
+    for (EndingDemand* demand : ending.Advance())
+        FinishGuarded(ending, *demand);
+    if (!ending.IsOver())
+        return;
+    remainders_.reserve(remainders_.size() + 1);
+    // Off the list first: the work goes, whatever happens on the way.
+    const auto over = endings_.extract(current);
+    DropEndedWork(*over.mapped());
+}
+
+/** As much as one turn has time for: who has waited longest comes first, and the next turn comes at once. */
+void RuvelServer::AdvanceRemainders()
+{
+    const auto isEarlier = [](const TreeRemainder& one, const TreeRemainder& other) {
+        return one.NextDeadline() < other.NextDeadline();
+    };
+    for (const TurnShare share; !remainders_.empty() && !share.IsUsedUp();) {
+        const auto next = std::min_element(remainders_.begin(), remainders_.end(), isEarlier);
+        if (!Deadline::IsPast(next->NextDeadline(), Clock::SteadyMilliseconds()))
+            return;
+        if (next->Advance()) {
+            std::swap(*next, remainders_.back());
+            remainders_.pop_back();
+        }
+    }
 }
 
 /** A log that nobody is told of must not stay. */

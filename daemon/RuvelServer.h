@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@
 #include "daemon/Ending.h"
 #include "daemon/LeavingClients.h"
 #include "daemon/Poller.h"
+#include "daemon/TurnShare.h"
 #include "daemon/UserChecks.h"
 #include "daemon/WaitingClients.h"
 #include "support/BaseSocket.h"
@@ -84,7 +86,8 @@ public:
     int MainDaemonLoop(const int& port, const QORUnicodeString& logDirectory, const int& retryNumber,
                        const int& retryTime);
 
-    /** Reports everything that has ended to whom it concerns. */
+    // Each of these does as much as one turn has time for; the next turn then comes at once and goes on.
+    /** Reports what has ended to whom it concerns. */
     void CheckForLaunchedCommand();
     /** Starts to end every command and transfer whose life time is over. */
     void CheckConnectionLife();
@@ -102,7 +105,9 @@ private:
     using State = WaitingClient::State;
     using RequestKind = protocol::RequestKind;
     using CommandIndex = std::unordered_map<unsigned long long, BaseConnection*>;
-    enum class Stop { No, Demanded, EndingWork, AwaitingLogs, EndingLogs, TakingLeave, Done };
+    /** In an order, so that one turn can go on where another has stopped. */
+    using EndingMap = std::map<const Connection*, std::unique_ptr<Ending>>;
+    enum class Stop { No, Demanded, BeginningEnds, EndingWork, AwaitingLogs, EndingLogs, TakingLeave, Done };
 
     // Start-up and the turn (DaemonLoop.cpp).
     void ServeOneTurn();
@@ -171,7 +176,6 @@ private:
     void ServeUnknown(WaitingClient& client);
 
     // Supervision (Supervision.cpp).
-    void ReportEnds();
     void CheckLogs();
     void CheckTransfers();
     void CheckCommands();
@@ -184,8 +188,8 @@ private:
     void BidFarewell(BaseConnection& command, const QORUnicodeString& words);
     void StartFarewells();
     void NoteLifeTime(const Connection& connection);
-    void ExpireTransfers(long now);
-    void ExpireCommands(long now);
+    bool ExpireTransfers(long now, const TurnShare& share);
+    bool ExpireCommands(long now, const TurnShare& share);
 
     // Ending work (Endings.cpp).
     bool IsBeingEnded(const Connection& connection) const { return endings_.contains(&connection); }
@@ -201,6 +205,8 @@ private:
     void EndCommand(BaseConnection& command, EndingCause cause, std::string_view text);
     void EndTransfer(TransferConnection& transfer, EndingCause cause, std::string_view text);
     void AdvanceEndings();
+    void AdvanceEnding(EndingMap::iterator current);
+    void AdvanceRemainders();
     void FinishGuarded(Ending& ending, EndingDemand& demand);
     void FinishDemand(Ending& ending, EndingDemand& demand);
     void TellEndedCommand(BaseConnection& command, const EndingDemand& demand, int code);
@@ -210,7 +216,9 @@ private:
     void StopServing();
     void AdvanceShutdown();
     bool IsWorkEnded() const;
-    void EndLogs();
+    bool IsToldToEnd(const Connection& connection) const;
+    bool EndEverything(const TurnShare& share);
+    bool EndLogs(const TurnShare& share);
 
     int singleUser_ = 0;
     int noPasswordCheck_ = 0;
@@ -233,6 +241,8 @@ private:
     std::deque<unsigned long long> ends_;
     /** Memory ran out in a turn: the next one must not wait for something to happen. */
     bool isUnfinished_ = false;
+    /** A step's share of the last turn was too short for it: the next turn comes at once. */
+    bool isCutShort_ = false;
     /** Workers that answer ALLINFO. */
     std::vector<std::unique_ptr<ReportConnection>> reports_;
     /** Clients on their way out whose sockets other users have shared. */
@@ -252,7 +262,9 @@ private:
     WaitingClients waiting_;
     UserChecks checks_;
     LeavingClients leaving_;
-    std::unordered_map<const Connection*, std::unique_ptr<Ending>> endings_;
+    EndingMap endings_;
+    /** Of the endings, whose turn came last; it may be gone. */
+    const Connection* lastAdvanced_ = nullptr;
     std::vector<TreeRemainder> remainders_;
     /** The first second at which a life time may be over, 0 for none: until then nobody is looked at. */
     long nextEndOfLife_ = 0;

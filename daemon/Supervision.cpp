@@ -22,14 +22,6 @@ constexpr long long FarewellPause = 100;
 
 void RuvelServer::CheckForLaunchedCommand()
 {
-    do
-        ReportEnds();
-    while (!ends_.empty());
-}
-
-/** As much as one turn has time for. */
-void RuvelServer::ReportEnds()
-{
     // Nobody's end is unreported: so a turn costs nothing however many commands live.
     if (ChildTable::CountOfUnaskedEnds() == 0 && ends_.empty() && !isUnfinished_)
         return;
@@ -194,36 +186,48 @@ void RuvelServer::CheckConnectionLife()
         return;
     nextEndOfLife_ = 0;
     try {
-        ExpireTransfers(now);
-        ExpireCommands(now);
+        const TurnShare share;
+        if (!ExpireTransfers(now, share) || !ExpireCommands(now, share))
+            nextEndOfLife_ = now;
     } catch (const std::bad_alloc&) {
         nextEndOfLife_ = now; // some have not been looked at
         throw;
     }
 }
 
-void RuvelServer::ExpireTransfers(long now)
+/** False when the share was used up before the last one: those that are being ended by then are passed by in
+ * the next turn. */
+bool RuvelServer::ExpireTransfers(long now, const TurnShare& share)
 {
     for (int i = 1; i <= transfers_.Size(); ++i) {
         if (IsBeingEnded(*transfers_[i]))
             continue;
-        if (transfers_[i]->IsEndOfLife(now))
-            EndTransfer(*transfers_[i], EndingCause::LifeTimeOut, protocol::TransferExpired);
-        else
+        if (!transfers_[i]->IsEndOfLife(now)) {
             NoteLifeTime(*transfers_[i]);
+            continue;
+        }
+        EndTransfer(*transfers_[i], EndingCause::LifeTimeOut, protocol::TransferExpired);
+        if (share.IsUsedUp())
+            return false;
     }
+    return true;
 }
 
-void RuvelServer::ExpireCommands(long now)
+/** As ExpireTransfers(). */
+bool RuvelServer::ExpireCommands(long now, const TurnShare& share)
 {
     for (int i = 1; i <= commands_.Size(); ++i) {
         if (IsBeingEnded(*commands_[i]) || HasEndedByItself(*commands_[i]))
             continue;
-        if (commands_[i]->IsEndOfLife(now))
-            EndCommand(*commands_[i], EndingCause::LifeTimeOut, protocol::CommandExpired);
-        else
+        if (!commands_[i]->IsEndOfLife(now)) {
             NoteLifeTime(*commands_[i]);
+            continue;
+        }
+        EndCommand(*commands_[i], EndingCause::LifeTimeOut, protocol::CommandExpired);
+        if (share.IsUsedUp())
+            return false;
     }
+    return true;
 }
 
 namespace
