@@ -64,5 +64,5 @@ TEST(Supervision, WhatIgnoresItsTerminationIsKilledAfterItsLimitAndDelaysNobody)
     EXPECT_EQ(Ask(daemon, Launch("SOCKET", "exit 3")), Finished("", 3));
     EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().empty(); }));
     EXPECT_EQ(stubborn.ReadToEnd(), Expired + ReturnLine(137));
-    EXPECT_TRUE(FindZombiesOf(daemon.Process().Id()).empty());
+    EXPECT_TRUE(WaitUntil([&] { return FindZombiesOf(daemon.Process().Id()).empty(); }));
 }
