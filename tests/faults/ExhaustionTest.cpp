@@ -106,29 +106,6 @@ TEST(Exhaustion, DescriptorsTakenBySilentClients)
     EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(id) == before; }));
 }
 
-/** Neither those who wait for their check nor those who wait for their refusal keep what others need. */
-TEST(Exhaustion, DescriptorsTakenByWrongPasswords)
-{
-    DaemonUnderTest daemon({.mode = {"-noinstall"}});
-    const pid_t id = daemon.Process().Id();
-    const size_t before = CountDescriptorsOf(id);
-    {
-        const Scarcity scarcity(id, RLIMIT_NOFILE, before + 20);
-        Client elsewhere(daemon.Port(), daemon.Conversation(), 0, 2);
-        elsewhere.Send(Launch("SOCKET", "true"));
-        std::vector<Client> wrong;
-        for (int i = 0; i < 60; ++i) {
-            wrong.push_back(daemon.Connect());
-            wrong.back().Send(Launch("SOCKET", "true"));
-        }
-        for (int i = 0; i < 5; ++i)
-            EXPECT_THAT(Ask(daemon, "hello"), HasSubstr("not recognized"));
-        EXPECT_TRUE(daemon.Process().WaitForTrace("too many clients wait"));
-        EXPECT_THAT(elsewhere.ReadToEnd(), HasSubstr("->Error bad user or password"));
-    }
-    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(id) == before; }));
-}
-
 TEST(Exhaustion, AddressSpaceTakenByLongRequests)
 {
     DaemonUnderTest daemon;
@@ -152,6 +129,29 @@ TEST(Exhaustion, AddressSpaceTakenByLongRequests)
     ExpectRest(daemon, {}, before);
 }
 #endif
+
+/** Neither those who wait for their check nor those who wait for their refusal keep what others need. */
+TEST(ExhaustionAsRoot, DescriptorsTakenByWrongPasswords)
+{
+    DaemonUnderTest daemon({.mode = {"-noinstall"}});
+    const pid_t id = daemon.Process().Id();
+    const size_t before = CountDescriptorsOf(id);
+    {
+        const Scarcity scarcity(id, RLIMIT_NOFILE, before + 20);
+        Client elsewhere(daemon.Port(), daemon.Conversation(), 0, 2);
+        elsewhere.Send(Launch("SOCKET", "true"));
+        std::vector<Client> wrong;
+        for (int i = 0; i < 60; ++i) {
+            wrong.push_back(daemon.Connect());
+            wrong.back().Send(Launch("SOCKET", "true"));
+        }
+        for (int i = 0; i < 5; ++i)
+            EXPECT_THAT(Ask(daemon, "hello"), HasSubstr("not recognized"));
+        EXPECT_TRUE(daemon.Process().WaitForTrace("too many clients wait"));
+        EXPECT_THAT(elsewhere.ReadToEnd(), HasSubstr("->Error bad user or password"));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptorsOf(id) == before; }));
+}
 
 TEST(ExhaustionAsRoot, Processes)
 {
