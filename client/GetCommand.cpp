@@ -70,7 +70,8 @@ Failure Get::OpenTarget(const std::string& target)
 {
     if (target == StandardStream)
         return target_.OpenStandardOutput();
-    return target_.OpenFile(target, NameIn(source_.path), options_.isInPlace);
+    // As it was asked for: not whatever name the server may answer.
+    return target_.OpenFile(target, NameIn(outcome_.source), options_.isInPlace);
 }
 
 bool Get::IsComparable() const
