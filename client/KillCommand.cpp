@@ -1,6 +1,7 @@
 #include "client/KillCommand.h"
 
 #include "client/Output.h"
+#include "client/RemoteEnd.h"
 #include "client/ServerRefusal.h"
 #include "client/ServerRequest.h"
 #include "client/SubcommandParser.h"
@@ -8,42 +9,11 @@
 
 namespace
 {
-/** The first line behind the banner, without its lead: what was done, or why not. */
-Failure AskForLine(const Server& server, std::string_view request, std::string& line)
-{
-    std::string answer;
-    if (Failure failure = AskServer(server, request, answer))
-        return failure;
-    std::string_view rest = answer;
-    // A refused user is told so without a banner.
-    if (!rest.starts_with("->Error "))
-        if (Failure failure = TakeBanner(server, rest))
-            return failure;
-    rest = rest.substr(0, rest.find('\n'));
-    if (!rest.starts_with(protocol::LineLead))
-        return {"the answer of " + server.Name() + " was cut; look at what runs (list)"};
-    line = rest.substr(protocol::LineLead.size());
-    return {};
-}
-
 std::string_view KillKeyword(bool isTree, bool isForced)
 {
     if (isTree)
         return isForced ? "FORCEKILLTREE" : "KILLTREE";
     return isForced ? "FORCEKILL" : "KILL";
-}
-
-Failure Kill(const Server& server, std::string_view keyword, const std::string& number)
-{
-    std::string request;
-    std::string line;
-    if (Failure failure = BuildRequest(server, {{keyword}, {number, "number"}}, request))
-        return failure;
-    if (Failure failure = AskForLine(server, request, line))
-        return failure;
-    if (line.starts_with("Command N(") || line.starts_with("File transfer N("))
-        return {};
-    return ExplainRefusal(server, line);
 }
 } // namespace
 
@@ -65,7 +35,7 @@ int RunKill(const Subcommand& self, const Arguments& arguments)
         return Report(failure);
     int exitCode = 0;
     for (const std::string& number : parser.Words()) {
-        if (const Failure failure = Kill(server, KillKeyword(isTree, isForced), number)) {
+        if (const Failure failure = EndWork(server, KillKeyword(isTree, isForced), number)) {
             exitCode = Report(Failure{number + ": " + failure.sentence, failure.serverWords});
             // A refused password would be refused again, and each time slowly.
             if (IsUserRefusal(failure.serverWords))

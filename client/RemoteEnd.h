@@ -2,11 +2,15 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "client/Failure.h"
 #include "client/Server.h"
 #include "client/SignalWatch.h"
+
+/** Ends the command or transfer of this number as the keyword of a kill says. */
+Failure EndWork(const Server& server, std::string_view keyword, const std::string& number);
 
 /**
  * Ends the command in whose sent line `key` stands, with all that it started. A command that is not there

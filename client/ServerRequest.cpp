@@ -76,6 +76,23 @@ Failure AskServer(const Server& server, std::string_view request, std::string& a
     return {};
 }
 
+Failure AskForLine(const Server& server, std::string_view request, std::string& line)
+{
+    std::string answer;
+    if (Failure failure = AskServer(server, request, answer))
+        return failure;
+    std::string_view rest = answer;
+    // A refused user is told so without a banner.
+    if (!rest.starts_with("->Error "))
+        if (Failure failure = TakeBanner(server, rest))
+            return failure;
+    rest = rest.substr(0, rest.find('\n'));
+    if (!rest.starts_with(protocol::LineLead))
+        return {"the answer of " + server.Name() + " was cut; look at what runs (list)"};
+    line = rest.substr(protocol::LineLead.size());
+    return {};
+}
+
 Failure TakeBanner(const Server& server, std::string_view& answer)
 {
     const std::size_t lineEnd = answer.find('\n');

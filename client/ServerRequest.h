@@ -29,6 +29,8 @@ Failure BuildStateRequest(std::string_view identifier, std::string& request);
 
 /** Sends the request on a connection of its own and reads the answer to the end of the stream. */
 Failure AskServer(const Server& server, std::string_view request, std::string& answer);
+/** The same for the first line behind the banner, without its lead: what was done, or why not. */
+Failure AskForLine(const Server& server, std::string_view request, std::string& line);
 
 /**
  * Takes the banner line off the front of an answer. A failure when it is missing: no RuvelServer spoke.
