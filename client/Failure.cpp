@@ -4,22 +4,16 @@
 
 #include <unistd.h>
 
+#include "client/Terminal.h"
+
 namespace
 {
 std::string_view programName = "RuvelControl";
 
-/** Appends what came from elsewhere so that it can neither end the line nor command the terminal. */
-void AppendSafely(std::string& line, std::string_view text)
-{
-    for (const char byte : text)
-        line += static_cast<unsigned char>(byte) < ' ' || byte == '\x7f' ? ' ' : byte;
-}
-
+/** What came from elsewhere can neither end the line nor command the terminal. */
 void AppendLine(std::string& lines, std::string_view lead, std::string_view text)
 {
-    lines.append(lead).append(": ");
-    AppendSafely(lines, text);
-    lines += '\n';
+    lines.append(lead).append(": ").append(Terminal::MakePrintable(text)).append("\n");
 }
 
 /** One write, so that the lines stay whole among others. Nobody is left to tell of a failure. */

@@ -183,5 +183,5 @@ std::string FormatListingAsJson(const Listing& listing)
                                   {"logs", MakeEntries(listing.logs, MakeLogEntry)}};
     if (!listing.report.empty())
         all["report"] = listing.report;
-    return all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return all.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }

@@ -11,6 +11,7 @@
 #include "client/ServerConnection.h"
 #include "client/ServerRefusal.h"
 #include "client/ServerRequest.h"
+#include "client/Terminal.h"
 #include "protocol/Texts.h"
 
 namespace
@@ -96,7 +97,7 @@ int Detach(const Server& server, const std::string& line, const SubmitOptions& o
         return Report(failure);
     const std::string lead = std::string(protocol::Identifier).append(protocol::Separator);
     if (answer.starts_with(lead)) {
-        const int error = WriteToStandardOutput(answer.substr(lead.size()) + "\n");
+        const int error = WriteToStandardOutput(Terminal::MakePrintable(answer.substr(lead.size())) + "\n");
         return error == 0 ? 0 : Report(SystemFailure("the identifier cannot be written", error));
     }
     std::string_view rest = answer;

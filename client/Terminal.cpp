@@ -19,6 +19,24 @@ bool Continues(char byte)
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
+/** Characters that draw nothing, but command the terminal, end a line or turn the direction of writing. */
+struct CodeRange {
+    unsigned first;
+    unsigned last;
+};
+constexpr CodeRange Unprintable[] = {{0x80, 0x9F},     {0x200B, 0x200F}, {0x2028, 0x202E},
+                                     {0x2060, 0x206F}, {0xD800, 0xDFFF}, {0xFEFF, 0xFEFF}};
+constexpr unsigned HighestCode = 0x10FFFF;
+/** The lowest code that takes so many bytes: written with more than it needs, one is not sound. */
+constexpr std::array<unsigned, 5> LowestCode = {0, 0, 0x80, 0x800, 0x10000};
+
+bool IsPrintable(unsigned code)
+{
+    return code <= HighestCode &&
+           std::none_of(std::begin(Unprintable), std::end(Unprintable),
+                        [code](const CodeRange& one) { return code >= one.first && code <= one.last; });
+}
+
 /** The length of the sound, visible UTF-8 character that the text begins with; 0 when there is none. */
 std::size_t LengthOfCharacter(std::string_view text)
 {
@@ -26,19 +44,21 @@ std::size_t LengthOfCharacter(std::string_view text)
     if (first >= 0x20 && first < 0x7F)
         return 1;
     std::size_t length = 0;
-    if (first >= 0xC2 && first < 0xE0)
+    if (first >= 0xC0 && first < 0xE0)
         length = 2;
     else if (first >= 0xE0 && first < 0xF0)
         length = 3;
-    else if (first >= 0xF0 && first < 0xF5)
+    else if (first >= 0xF0 && first < 0xF8)
         length = 4;
-    if (length == 0 || text.size() < length ||
-        !std::all_of(text.begin() + 1, text.begin() + static_cast<long>(length), Continues))
+    if (length == 0 || text.size() < length)
         return 0;
-    // The second range of control characters, and the marks that turn the direction of writing.
-    if (first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0)
-        return 0;
-    return text.substr(0, 2) == "\xE2\x80" || text.substr(0, 2) == "\xE2\x81" ? 0 : length;
+    unsigned code = first & (0x7FU >> length);
+    for (const char byte : text.substr(1, length - 1)) {
+        if (!Continues(byte))
+            return 0;
+        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3FU);
+    }
+    return code >= LowestCode[length] && IsPrintable(code) ? length : 0;
 }
 
 winsize SizeOf(int descriptor)

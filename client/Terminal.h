@@ -17,7 +17,8 @@ int LinesOf(int descriptor);
 
 /**
  * The text with everything that a terminal could take for an instruction made visible: what others have sent
- * or named must not move the cursor. UTF-8 stays; other bytes and control characters become "\x1b" and so on.
+ * or named must not move the cursor. UTF-8 stays, but for marks that are not seen or turn the direction of
+ * writing; these, other bytes and control characters become "\x1b" and so on.
  */
 std::string MakePrintable(std::string_view text);
 /** The columns that a printable text takes, each character counted as one. */

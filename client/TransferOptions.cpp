@@ -16,6 +16,8 @@ Json MakeEntry(const TransferOutcome& outcome)
     Json entry = {{"source", outcome.source}, {"target", outcome.target}, {"done", !outcome.failure}};
     if (outcome.failure) {
         entry["error"] = outcome.failure.sentence;
+        if (!outcome.failure.serverWords.empty())
+            entry["serverWords"] = outcome.failure.serverWords;
         return entry;
     }
     entry["bytes"] = outcome.bytes;
@@ -30,7 +32,7 @@ std::string FormatOutcomesAsJson(const std::vector<TransferOutcome>& outcomes)
     Json entries = Json::array();
     for (const TransferOutcome& one : outcomes)
         entries.push_back(MakeEntry(one));
-    return Json{{"transfers", entries}}.dump(2, ' ', false, Json::error_handler_t::replace);
+    return Json{{"transfers", entries}}.dump(2, ' ', true, Json::error_handler_t::replace);
 }
 
 int ConcludeTransfers(const std::vector<TransferOutcome>& outcomes, bool isJson)

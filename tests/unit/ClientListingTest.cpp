@@ -86,6 +86,9 @@ TEST(ClientListing, IsShownInColumns)
         EXPECT_LE(line.size(), 30U);
     EXPECT_EQ(FormatListing(*ParseListing(WithCommands(0, "")), 80),
               std::vector<std::string>{"Nothing is running."});
+    const std::string json = FormatListingAsJson(*ParseListing(WithCommands(1, CommandLine(3, "\xC2\x9B"
+                                                                                              "2J"))));
+    EXPECT_NE(json.find("\\u009b2J"), std::string::npos) << json;
 }
 
 TEST(ClientListing, WhatIsNoListingIsNotTakenForOne)

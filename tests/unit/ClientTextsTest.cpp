@@ -44,6 +44,9 @@ TEST(TerminalTexts, OnlyWhatIsHarmlessReachesATerminal)
         {"\x1b[2J\r\n\x7f", "\\x1b[2J\\x0d\\x0a\\x7f"},
         {"\xC2\x9B", "\\xc2\\x9b"},          // a control sequence's beginning in one character
         {"\xE2\x80\xAE", "\\xe2\\x80\\xae"}, // turns the direction of writing
+        {"\xE2\x80\x93\xE2\x80\xA6\xE2\x81\x84", "\xE2\x80\x93\xE2\x80\xA6\xE2\x81\x84"},
+        {"\xEF\xBB\xBF", "\\xef\\xbb\\xbf"},
+        {"\xE0\x82\x9B", "\\xe0\\x82\\x9b"}, // the same with a byte more than it needs
         {"\xC3", "\\xc3"},
         {"\xFFz", "\\xffz"}};
     for (const auto& [text, shown] : cases)
