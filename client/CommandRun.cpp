@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <vector>
 
 #include <poll.h>
@@ -121,19 +120,19 @@ bool CommandRun::IsOver() const
 
 int CommandRun::TimeLeft() const
 {
-    long long at = givesUpAt_ != 0 ? givesUpAt_ : LLONG_MAX;
+    const long long now = Clock::SteadyMilliseconds();
+    long long at = now + ServerConnection::WatchInterval;
+    if (givesUpAt_ != 0)
+        at = std::min(at, givesUpAt_);
     for (const Channel* const channel : {&command_, static_cast<const Channel*>(errors_.get())})
         if (channel != nullptr && !channel->hasEnded && channel->stream.IsHolding())
             at = std::min(at, channel->arrivedAt + HoldingTime);
-    if (at == LLONG_MAX)
-        return -1;
-    return static_cast<int>(std::max(0LL, at - Clock::SteadyMilliseconds()));
+    return static_cast<int>(std::max(0LL, at - now));
 }
 
 void CommandRun::ReleaseHeld(Channel& channel)
 {
-    if (channel.hasEnded || !channel.stream.IsHolding() ||
-        Clock::SteadyMilliseconds() < channel.arrivedAt + HoldingTime)
+    if (!channel.stream.IsHolding() || Clock::SteadyMilliseconds() < channel.arrivedAt + HoldingTime)
         return;
     passing_.clear();
     channel.stream.Release(passing_);
@@ -181,9 +180,11 @@ void CommandRun::Turn()
         input_->Send();
     if (polled[Input].revents != 0)
         input_->Read();
-    ReleaseHeld(command_);
-    if (errors_)
-        ReleaseHeld(*errors_);
+    for (Channel* const channel : {&command_, errors_.get()})
+        if (channel != nullptr && !channel->hasEnded) {
+            channel->connection.WatchPeer();
+            ReleaseHeld(*channel);
+        }
     FollowCommand();
 }
 
@@ -191,7 +192,7 @@ void CommandRun::Receive(Channel& channel)
 {
     const ssize_t count = recv(channel.connection.Descriptor(), block_.data(), block_.size(), 0);
     if (count < 0 && (errno == EINTR || errno == EAGAIN))
-        return;
+        return channel.connection.WatchPeer();
     if (count < 0)
         channel.failure = channel.connection.Broken(errno);
     channel.arrivedAt = Clock::SteadyMilliseconds();

@@ -69,7 +69,7 @@ private:
     Failure Launch(Channel& channel, const std::string& line, long lifeTimeOut);
 
     bool IsOver() const;
-    /** Milliseconds until something is to be done though nothing happens, -1 for never. */
+    /** Milliseconds until something is to be done though nothing happens. */
     int TimeLeft() const;
     void ReleaseHeld(Channel& channel);
     void Turn();

@@ -5,11 +5,13 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include "support/BaseSocket.h"
+#include "support/Clock.h"
 
 namespace
 {
@@ -18,17 +20,24 @@ constexpr std::size_t BlockSize = 65536;
 constexpr int ProbeAfter = 20;
 constexpr int ProbeInterval = 5;
 constexpr int ProbeCount = (ServerConnection::PeerTimeOut - ProbeAfter) / ProbeInterval;
+/** A closed window is probed by the system; so many lost probes are no accident. */
+constexpr int LostWindowProbes = 2;
+
+void SetOption(int socket, int level, int option, int value)
+{
+    setsockopt(socket, level, option, &value, sizeof value);
+}
 
 void NoticeVanishedPeer(int socket)
 {
-    const auto set = [socket](int level, int option, int value) {
-        setsockopt(socket, level, option, &value, sizeof value);
-    };
-    set(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(IPPROTO_TCP, TCP_KEEPIDLE, ProbeAfter);
-    set(IPPROTO_TCP, TCP_KEEPINTVL, ProbeInterval);
-    set(IPPROTO_TCP, TCP_KEEPCNT, ProbeCount);
-    set(IPPROTO_TCP, TCP_USER_TIMEOUT, ServerConnection::PeerTimeOut * 1000);
+    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, ProbeAfter);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, ProbeInterval);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, ProbeCount);
+    // So that Send() and Receive() come round to WatchPeer().
+    const timeval longest = {ServerConnection::WatchInterval / 1000, 0};
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
 }
 } // namespace
 
@@ -68,8 +77,9 @@ Failure ServerConnection::Send(std::string_view bytes)
         const ssize_t count = send(Descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count >= 0)
             bytes.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno != EINTR)
+        else if (errno != EINTR && errno != EAGAIN)
             return Broken(errno);
+        WatchPeer();
     }
     return {};
 }
@@ -83,12 +93,30 @@ Failure ServerConnection::Receive(std::string& bytes, bool& isEnd)
 {
     std::array<char, BlockSize> block;
     ssize_t count;
-    while ((count = recv(Descriptor(), block.data(), block.size(), 0)) < 0)
-        if (errno != EINTR)
+    while ((count = recv(Descriptor(), block.data(), block.size(), 0)) < 0) {
+        if (errno != EINTR && errno != EAGAIN)
             return Broken(errno);
+        WatchPeer();
+    }
     isEnd = count == 0;
     bytes.append(block.data(), static_cast<std::size_t>(count));
     return {};
+}
+
+void ServerConnection::WatchPeer() const
+{
+    const long long now = Clock::SteadyMilliseconds();
+    if (now < watchesAt_)
+        return;
+    watchesAt_ = now + WatchInterval;
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    if (getsockopt(Descriptor(), IPPROTO_TCP, TCP_INFO, &info, &length) != 0)
+        return; // a proxy's
+    // The time-out cannot stay set: it also cuts off who answers every probe of a closed window.
+    const bool owesAnswer = info.tcpi_unacked > 0 && info.tcpi_snd_wnd > 0;
+    const bool isLimited = owesAnswer || info.tcpi_probes >= LostWindowProbes;
+    SetOption(Descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, isLimited ? PeerTimeOut * 1000 : 0);
 }
 
 Failure ServerConnection::FindOwnAddress(std::string& address) const

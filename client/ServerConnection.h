@@ -13,14 +13,18 @@
  * descriptor is a stream socket, to be polled, read with recv(), written with send() and half-closed with
  * shutdown(). It stays blocking: use MSG_DONTWAIT where waiting is no option.
  *
- * A peer that has vanished without a word is noticed within PeerTimeOut seconds: then reads and writes
- * fail. The object owns the socket and the proxy command; its destructor closes the one and ends the other.
+ * A peer that has vanished without a word is noticed after PeerTimeOut seconds: then reads and writes fail.
+ * One that lives but takes nothing for a while is waited for; had it vanished after that, this is noticed
+ * some minutes later. The object owns the socket and the proxy command; its destructor closes the one and
+ * ends the other.
  */
 class ServerConnection
 {
 public:
-    /** At most 45 in all: what is silent is probed, what is unacknowledged is given up. */
+    /** Seconds: what is silent is probed, what is unacknowledged is given up. */
     static constexpr int PeerTimeOut = 40;
+    /** Milliseconds. */
+    static constexpr int WatchInterval = 5'000;
 
     Failure Connect(const Server& server) { return Connect(server, server.host, server.port); }
     /** To another port, or host, as the data connections of transfers need it. */
@@ -39,6 +43,10 @@ public:
     /** Waits for some bytes and appends them; at the end of the stream none, and `isEnd` is set. */
     Failure Receive(std::string& bytes, bool& isEnd);
 
+    /** To be called every WatchInterval by whoever waits for anything else than Send() and Receive(): a peer
+     * that owes an acknowledgement is from now on given up in time. */
+    void WatchPeer() const;
+
     /** The address of this machine on the way to the server. */
     Failure FindOwnAddress(std::string& address) const;
 
@@ -49,4 +57,6 @@ private:
     std::string name_;
     FileDescriptor socket_;
     ProxyCommand proxy_;
+    /** When, on the steady clock in milliseconds, WatchPeer() has something to do. */
+    mutable long long watchesAt_ = 0;
 };

@@ -91,13 +91,14 @@ Failure ShellStream::Turn()
          {wantsInput ? STDIN_FILENO : -1, POLLIN, 0},
          {output_.HasPending() ? output_.Descriptor() : -1, POLLOUT, 0},
          {signals_->Descriptor(), POLLIN, 0}}};
-    if (poll(polled.data(), polled.size(), -1) < 0)
+    if (poll(polled.data(), polled.size(), ServerConnection::WatchInterval) < 0)
         return errno == EINTR ? Failure{} : SystemFailure("cannot wait for the shell", errno);
     if (polled[3].revents != 0)
         EndBySignal(signals_, signals_->Take(), [this] { return End(); });
     if (polled[2].revents != 0)
         if (Failure failure = Print({}))
             return failure;
+    connection_.WatchPeer();
     if ((polled[0].revents & POLLOUT) != 0)
         input_.Send();
     if (polled[1].revents != 0)

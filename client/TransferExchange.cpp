@@ -131,12 +131,15 @@ Failure TransferExchange::ReceiveEnd(const ServerConnection& data)
     while (!isAtEnd_) {
         std::array<pollfd, 2> ready = {
             {{control_.Descriptor(), POLLIN, 0}, {givesUpAt == 0 ? data.Descriptor() : -1, POLLIN, 0}}};
-        const long long left = givesUpAt - Clock::SteadyMilliseconds();
-        if (givesUpAt != 0 && left <= 0)
+        const long long left =
+            givesUpAt != 0 ? givesUpAt - Clock::SteadyMilliseconds() : ServerConnection::WatchInterval;
+        if (left <= 0)
             return {"the data connection has ended, and " + server_.Name() +
                     " does not say that the transfer has; check what stands between"};
-        if (poll(ready.data(), ready.size(), givesUpAt == 0 ? -1 : static_cast<int>(left)) < 0)
+        if (poll(ready.data(), ready.size(), static_cast<int>(left)) < 0)
             continue;
+        if (givesUpAt == 0)
+            data.WatchPeer();
         if (ready[0].revents != 0) {
             if (Failure failure = control_.Receive(arrived_, isAtEnd_))
                 return failure;
