@@ -50,8 +50,8 @@ int CommandRun::Run()
     while (!IsOver())
         Turn();
     for (Channel* const channel : {&command_, errors_.get()})
-        if (channel != nullptr && channel->output.Flush() != 0 && channel == &command_)
-            EndByClosedOutput();
+        if (channel != nullptr)
+            FollowOutput(*channel, channel->output.Flush());
     return Conclude();
 }
 
@@ -208,9 +208,21 @@ void CommandRun::Receive(Channel& channel)
 
 void CommandRun::PassOn(Channel& channel, std::string_view bytes)
 {
+    FollowOutput(channel, channel.output.Write(bytes));
+}
+
+void CommandRun::FollowOutput(Channel& channel, int error)
+{
     // Without a reader of its standard error a command can still do its work.
-    if (channel.output.Write(bytes) != 0 && &channel == &command_)
-        EndByClosedOutput();
+    if (error == 0 || &channel != &command_ || command_.failure)
+        return;
+    signals_.reset();
+    if (!command_.hasEnded && !command_.stream.IsWhole())
+        static_cast<void>(EndCommandTree(request_.server, ListingKey(wrapping_.mark)));
+    if (error == EPIPE)
+        DieBySignal(SIGPIPE);
+    command_.failure = SystemFailure("the output cannot be written", error);
+    givesUpAt_ = Clock::SteadyMilliseconds();
 }
 
 void CommandRun::FollowCommand()
@@ -225,14 +237,6 @@ void CommandRun::FollowCommand()
             Clock::SteadyMilliseconds() + (command_.stream.IsWhole() ? PatienceWithEnd : PatienceWithErrors);
     if (command_.hasEnded)
         input_->Stop();
-}
-
-void CommandRun::EndByClosedOutput()
-{
-    signals_.reset();
-    if (!command_.hasEnded && !command_.stream.IsWhole())
-        static_cast<void>(EndCommandTree(request_.server, ListingKey(wrapping_.mark)));
-    DieBySignal(SIGPIPE);
 }
 
 int CommandRun::Conclude()

@@ -35,7 +35,7 @@ struct RunRequest {
  *                     end of the stream without a mark         over
  *   ending            return line, or the end of patience      over
  *
- * In every state a signal, or output that nobody reads any more, ends the remote tree and this process.
+ * In every state a signal, or output that cannot be written, ends the remote tree and this process.
  */
 class CommandRun
 {
@@ -75,9 +75,9 @@ private:
     void Turn();
     void Receive(Channel& channel);
     void PassOn(Channel& channel, std::string_view bytes);
+    /** What is to be done about the error of a write: where nobody reads any more, it does not return. */
+    void FollowOutput(Channel& channel, int error);
     void FollowCommand();
-
-    [[noreturn]] void EndByClosedOutput();
 
     int Conclude();
     int ConcludeWhole();

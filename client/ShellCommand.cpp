@@ -137,12 +137,13 @@ Failure ShellStream::End() const
 Failure ShellStream::Print(std::string_view bytes)
 {
     const int error = output_.Write(bytes);
-    if (error == EPIPE) {
-        signals_.reset();
-        static_cast<void>(End());
+    if (error == 0)
+        return {};
+    signals_.reset();
+    static_cast<void>(End());
+    if (error == EPIPE)
         DieBySignal(SIGPIPE);
-    }
-    return error == 0 ? Failure{} : SystemFailure("the output cannot be written", error);
+    return SystemFailure("the output cannot be written", error);
 }
 } // namespace
 

@@ -57,7 +57,8 @@ void ControlProcess::Become(int program) const
     if (options_.hasClosedOutput && pipe(closed) == 0) {
         dup2(closed[1], STDOUT_FILENO);
     } else {
-        dup2(open((base + "/output").c_str(), flags, 0600), STDOUT_FILENO);
+        const std::string output = options_.outputFile.empty() ? base + "/output" : options_.outputFile;
+        dup2(open(output.c_str(), flags, 0600), STDOUT_FILENO);
     }
     dup2(options_.hasOneOutput ? STDOUT_FILENO : open((base + "/errors").c_str(), flags, 0600),
          STDERR_FILENO);

@@ -20,6 +20,8 @@ struct ControlOptions {
     bool hasOneOutput = false;
     /** Nobody reads standard output. */
     bool hasClosedOutput = false;
+    /** Standard output goes to this file, from where Output() does not read it. */
+    std::string outputFile = {};
     /** Further entries of the environment: NAME=VALUE. */
     std::vector<std::string> environment = {};
 };

@@ -194,6 +194,11 @@ TEST(Run, AnInterruptEndsTheRemoteTree)
     EXPECT_EQ(Control(daemon.Port(), {"run", "-c", "echo x; sleep 600"}, {.hasClosedOutput = true}).code,
               -SIGPIPE);
     EXPECT_TRUE(WaitUntilNothingRuns(daemon));
+    const ControlResult full =
+        Control(daemon.Port(), {"run", "-c", "echo x; sleep 600"}, {.outputFile = "/dev/full"});
+    EXPECT_EQ(full.code, 255);
+    EXPECT_THAT(full.errors, HasSubstr("No space left"));
+    EXPECT_TRUE(WaitUntilNothingRuns(daemon));
     // The folder of logs is where the way for standard error lay.
     EXPECT_THAT(daemon.LogFiles(), IsEmpty());
 }
