@@ -103,9 +103,14 @@ Failure TransferExchange::Decline()
 
 Failure TransferExchange::OpenData(ServerConnection& data)
 {
-    if (!isPassive_)
-        return data.Connect(server_, server_.host, dataPort_);
-    return AcceptData(data);
+    if (isPassive_)
+        return AcceptData(data);
+    Failure failure = data.Connect(server_, server_.host, dataPort_);
+    // The server is there: it is the way to another port that is missing.
+    if (failure && server_.proxy.empty())
+        return {"no data connection to port " + std::to_string(dataPort_) + " of " + server_.host +
+                ": a firewall may be in the way, try the other direction (--passive)"};
+    return failure;
 }
 
 Failure TransferExchange::Conclude(const ServerConnection& data)

@@ -1,8 +1,10 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "client/Delivery.h"
 #include "client/GetTarget.h"
 #include "client/ProgressBar.h"
+#include "client/ServerRefusal.h"
 #include "client/Terminal.h"
 #include "client/TransferOptions.h"
 
@@ -66,4 +68,21 @@ TEST(ClientNames, AreMadeSafely)
     EXPECT_NE(PartPathOf(std::string(254, 'x')), PartPathOf(std::string(255, 'x')));
     EXPECT_EQ(NameIn("/a/b//"), "b");
     EXPECT_EQ(NameIn("b"), "b");
+}
+
+TEST(ClientRefusals, AreNotExplainedByWhatTheyQuote)
+{
+    const std::string log = "Error unable to open log file...(/var/log/5.log) : ";
+    for (const auto& [line, explained] :
+         {std::pair<std::string, const char*>("Error unable to impersonate : Error bad user or password",
+                                              "the password"),
+          {"Error unable to open remote file...( /a/Error bad user or password) : Is a directory", "folder"},
+          {"Error unable to open remote file...( /No such file or directory) : Input/output error",
+           "cannot open the file"},
+          {log + "Permission denied", "folder for logs"},
+          {"Error unable to check log command file : " + log + "No such file or directory", "not trust"},
+          {"Error unable to kill command N(4) : not owner", "somebody else"}}) {
+        EXPECT_THAT(ExplainRefusal({}, "->" + line).sentence, testing::HasSubstr(explained)) << line;
+        EXPECT_EQ(IsUserRefusal(line), std::string_view(explained) == "the password") << line;
+    }
 }
