@@ -81,23 +81,25 @@ Failure TakeSetting(const std::string& setting, RemoteShellCall& call)
     std::string key;
     std::string value;
     Divide(setting, key, value);
+    for (const char* const unsupported : UnsupportedKeys)
+        if (IsKey(key, unsupported) && !IsKey(value, "no") && !IsKey(value, "none"))
+            return {key + " is not supported: leave it out, or use ProxyCommand"};
+    for (const std::string& earlier : call.keys)
+        if (IsKey(key, earlier.c_str()))
+            return {};
+    call.keys.push_back(key);
     if (IsKey(key, "User"))
         TakeUser(value, call);
     else if (IsKey(key, "Port"))
         return ReadNumber(value, BaseSocket::HighestPort, "the port", call.port);
-    else if (IsKey(key, "ConnectTimeout"))
-        return IsKey(value, "none")
-                   ? Failure()
-                   : ReadNumber(value, LongestConnectTimeOut, "the time-out", call.connectTimeOut);
+    else if (IsKey(key, "ConnectTimeout") && !IsKey(value, "none"))
+        return ReadNumber(value, LongestConnectTimeOut, "the time-out", call.connectTimeOut);
     else if (IsKey(key, "BatchMode"))
-        call.isBatch = call.isBatch || IsKey(value, "yes") || IsKey(value, "true");
-    else if (IsKey(key, "ProxyCommand") && !IsKey(value, "none") && call.proxy.empty())
+        call.isBatch = IsKey(value, "yes") || IsKey(value, "true");
+    else if (IsKey(key, "ProxyCommand") && !IsKey(value, "none"))
         call.proxy = value;
     else if (IsKey(key, "HostName"))
         call.host = value;
-    for (const char* const unsupported : UnsupportedKeys)
-        if (IsKey(key, unsupported) && !IsKey(value, "no") && !IsKey(value, "none"))
-            return {key + " is not supported: leave it out, or use ProxyCommand"};
     return {};
 }
 

@@ -22,6 +22,8 @@ struct RemoteShellCall {
     std::optional<int> port;
     std::optional<int> connectTimeOut;
     std::string proxy;
+    /** The keys of -o that have been given. */
+    std::vector<std::string> keys;
     bool passesInput = true;
     bool isBatch = false;
     std::string line;

@@ -29,6 +29,9 @@ TEST(RemoteShellTest, ReadsTheCallsOfOtherPrograms)
          true},
         {{"-e", "none", "-4", "--", "host", "-n", "true"}, "host", "true", "", 0, 0, false},
         {{"-l", "first", "second@host", "-", "x"}, "host", "- x", "first"},
+        {{"-oHostName=first", "-ohostname=second", "-oBatchMode=no", "host", "-oBatchMode=yes", "x"},
+         "first",
+         "x"},
     };
     for (const auto& one : cases) {
         RemoteShellCall call;
