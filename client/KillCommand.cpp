@@ -30,6 +30,9 @@ int RunKill(const Subcommand& self, const Arguments& arguments)
         return *exitCode;
     if (parser.Words().empty())
         return Complain("kill needs the number of a command or transfer");
+    for (const std::string& word : parser.Words())
+        if (word.empty() || word.find_first_not_of("0123456789") != std::string::npos)
+            return Complain("\"" + word + "\" is no number: kill takes what list shows under N");
     Server server;
     if (const Failure failure = FindServer(parser.WhoAndWhere(), server))
         return Report(failure);

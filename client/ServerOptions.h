@@ -27,5 +27,5 @@ struct ServerOptions {
  */
 Failure FindServer(const ServerOptions& options, Server& server);
 
-/** Reads HOST, HOST:PORT, :PORT, [ADDRESS]:PORT. What is left out stays as it is in `server`. */
+/** Reads HOST, HOST:PORT or :PORT. What is left out stays as it is in `server`. */
 Failure ReadHost(std::string_view text, Server& server);

@@ -112,11 +112,13 @@ int RunSubmit(const Subcommand& self, const Arguments& arguments)
     SubcommandParser parser(self, "[--] COMMAND [ARGUMENT]...", Footer);
     SubmitOptions options;
     AddCommandOptions(parser.Options(), options.command);
-    parser.Options().add_flag("-d,--detach", options.isDetached, "Print the identifier and leave");
+    CLI::Option* const detach =
+        parser.Options().add_flag("-d,--detach", options.isDetached, "Print the identifier and leave");
     parser.Options()
         .add_option("--to", options.collector,
                     "With --detach: where collect runs, HOST, HOST:PORT or :PORT (this machine:" +
                         std::to_string(DefaultCollectorPort) + ")")
+        ->needs(detach)
         ->type_name("COLLECTOR");
     if (const std::optional<int> exitCode = parser.Parse(arguments))
         return *exitCode;
@@ -149,8 +151,11 @@ int RunState(const Subcommand& self, const Arguments& arguments)
         return *exitCode;
     if (parser.Words().size() != 1)
         return Complain("state needs one identifier: quote it");
+    // The request carries no password.
+    ServerOptions whoAndWhere = parser.WhoAndWhere();
+    whoAndWhere.isBatch = true;
     Server server;
-    if (const Failure failure = FindServer(parser.WhoAndWhere(), server))
+    if (const Failure failure = FindServer(whoAndWhere, server))
         return Report(failure);
     std::string request;
     std::string answer;

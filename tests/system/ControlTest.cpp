@@ -119,7 +119,9 @@ TEST(Control, SummariesAreJson)
     EXPECT_EQ(summary["transfers"][0]["checkSum"], 0xCBF43926U);
     const ControlResult get = Control(daemon.Port(), {"get", "--json", "/none", folder.Path()});
     EXPECT_EQ(get.code, 255);
-    EXPECT_EQ(json::parse(get.output, nullptr, false)["transfers"][0]["done"], false);
+    const json refused = json::parse(get.output, nullptr, false)["transfers"][0];
+    EXPECT_EQ(refused["done"], false);
+    EXPECT_EQ(refused["serverWords"], "No such file or directory: /none");
     const json all = json::parse(Control(daemon.Port(), {"list", "--all", "--json"}).output, nullptr, false);
     EXPECT_GT(all["report"].size(), 3U);
 }

@@ -114,6 +114,9 @@ TEST(Terminal, ThePasswordIsAskedForAndNotShown)
     Screen batch(daemon.Port(), {"run", "--batch", "echo", "ran"});
     EXPECT_EQ(batch.WaitForEnd(), 0);
     EXPECT_EQ(batch.Shown(), "ran\r\n");
+    Screen state(daemon.Port(), {"state", "unknown"});
+    EXPECT_EQ(state.WaitForEnd(), 1);
+    EXPECT_EQ(state.Shown(), "NOTFOUND\r\n");
 }
 
 TEST(Terminal, ABarIsDrawnWhereItCanBe)
