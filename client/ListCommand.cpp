@@ -27,7 +27,7 @@ Failure Fetch(const Server& server, bool isAll, Listing& listing)
     std::string answer;
     if (Failure failure = BuildRequest(server, {{isAll ? "ALLINFO" : "INFO"}}, request))
         return failure;
-    if (Failure failure = AskServer(server, request, answer))
+    if (Failure failure = AskServer(server, request, answer, LongestListing))
         return failure;
     if (std::optional<Listing> parsed = ParseListing(answer)) {
         listing = std::move(*parsed);

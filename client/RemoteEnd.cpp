@@ -38,7 +38,7 @@ Failure FetchListing(const Server& server, std::string& listing)
     std::string request;
     if (Failure failure = BuildRequest(server, {{"INFO"}}, request))
         return failure;
-    if (Failure failure = AskServer(server, request, listing))
+    if (Failure failure = AskServer(server, request, listing, LongestListing))
         return failure;
     std::string_view rest = listing;
     if (TakeBanner(server, rest) || listing.find(protocol::FoundLead) == std::string::npos)

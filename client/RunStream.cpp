@@ -1,6 +1,14 @@
 #include "client/RunStream.h"
 
+#include <algorithm>
+
 #include "client/CommandWrapping.h"
+
+namespace
+{
+/** The first line is shown of what comes instead of being ready, in bytes. */
+constexpr std::size_t LongestWordsBeforeReady = 4096;
+} // namespace
 
 RunStream::RunStream(const std::string& mark, bool beginsWithReady)
     : ready_(ReadyLead(mark)), end_(EndLead(mark)), awaitsReady_(beginsWithReady)
@@ -38,6 +46,7 @@ void RunStream::Sort(std::string_view text, std::string& output)
 {
     if (awaitsReady_) {
         ready_.Feed(text, wordsBeforeReady_);
+        wordsBeforeReady_.resize(std::min(wordsBeforeReady_.size(), LongestWordsBeforeReady));
         if (!ready_.IsFound())
             return;
         awaitsReady_ = false;

@@ -89,7 +89,7 @@ void ServerConnection::EndSending()
     shutdown(Descriptor(), SHUT_WR);
 }
 
-Failure ServerConnection::Receive(std::string& bytes, bool& isEnd)
+Failure ServerConnection::Receive(std::string& bytes, bool& isEnd, std::size_t limit)
 {
     std::array<char, BlockSize> block;
     ssize_t count;
@@ -100,6 +100,9 @@ Failure ServerConnection::Receive(std::string& bytes, bool& isEnd)
     }
     isEnd = count == 0;
     bytes.append(block.data(), static_cast<std::size_t>(count));
+    if (bytes.size() > limit)
+        return {"the answer of " + name_ + " is longer than the " + std::to_string(limit) +
+                " bytes that are taken; something else may listen there"};
     return {};
 }
 

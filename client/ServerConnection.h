@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,8 @@ public:
     static constexpr int PeerTimeOut = 40;
     /** Milliseconds. */
     static constexpr int WatchInterval = 5'000;
+    /** Bytes: for Receive(), more than any answer has that is kept as a whole and is no listing. */
+    static constexpr std::size_t LongestAnswer = std::size_t{64} << 10;
 
     Failure Connect(const Server& server) { return Connect(server, server.host, server.port); }
     /** To another port, or host, as the data connections of transfers need it. */
@@ -40,8 +43,9 @@ public:
     Failure Send(std::string_view bytes);
     /** Says that nothing more will be sent. */
     void EndSending();
-    /** Waits for some bytes and appends them; at the end of the stream none, and `isEnd` is set. */
-    Failure Receive(std::string& bytes, bool& isEnd);
+    /** Waits for some bytes and appends them; at the end of the stream none, and `isEnd` is set. A failure
+     * once `bytes` is longer than the limit. */
+    Failure Receive(std::string& bytes, bool& isEnd, std::size_t limit = SIZE_MAX);
 
     /** To be called every WatchInterval by whoever waits for anything else than Send() and Receive(): a peer
      * that owes an acknowledgement is from now on given up in time. */

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "client/ClientVersion.h"
-#include "client/ServerConnection.h"
 #include "client/ServerRefusal.h"
 #include "protocol/RequestText.h"
 #include "protocol/Texts.h"
@@ -58,7 +57,7 @@ Failure BuildStateRequest(std::string_view identifier, std::string& request)
     return Terminate(request);
 }
 
-Failure AskServer(const Server& server, std::string_view request, std::string& answer)
+Failure AskServer(const Server& server, std::string_view request, std::string& answer, std::size_t limit)
 {
     ServerConnection connection;
     if (Failure failure = connection.Connect(server))
@@ -68,7 +67,7 @@ Failure AskServer(const Server& server, std::string_view request, std::string& a
     connection.EndSending();
     bool isEnd = false;
     while (!isEnd)
-        if (Failure failure = connection.Receive(answer, isEnd))
+        if (Failure failure = connection.Receive(answer, isEnd, limit))
             return failure;
     if (answer.empty())
         return {"the connection to " + server.Name() + " was closed without an answer; the server may be " +

@@ -7,6 +7,7 @@
 
 #include "client/Failure.h"
 #include "client/Server.h"
+#include "client/ServerConnection.h"
 
 /** A field behind version, user and password, with what it is called in a message about it. */
 struct RequestField {
@@ -27,8 +28,13 @@ inline Failure BuildRequest(const Server& server, std::initializer_list<RequestF
 /** The same for the one form that carries no user: VERSION|ID|identifier. */
 Failure BuildStateRequest(std::string_view identifier, std::string& request);
 
-/** Sends the request on a connection of its own and reads the answer to the end of the stream. */
-Failure AskServer(const Server& server, std::string_view request, std::string& answer);
+/** In bytes: a thousand commands with lines as long as a request can have them. */
+inline constexpr std::size_t LongestListing = std::size_t{64} << 20;
+
+/** Sends the request on a connection of its own and reads the answer to the end of the stream; one that is
+ * longer than the limit is a failure. */
+Failure AskServer(const Server& server, std::string_view request, std::string& answer,
+                  std::size_t limit = ServerConnection::LongestAnswer);
 /** The same for the first line behind the banner, without its lead: what was done, or why not. */
 Failure AskForLine(const Server& server, std::string_view request, std::string& line);
 

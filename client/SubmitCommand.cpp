@@ -92,7 +92,7 @@ int Detach(const Server& server, const std::string& line, const SubmitOptions& o
     std::string answer;
     bool isEnd = false;
     while (!failure && !isEnd)
-        failure = connection.Receive(answer, isEnd);
+        failure = connection.Receive(answer, isEnd, ServerConnection::LongestAnswer);
     if (failure)
         return Report(failure);
     const std::string lead = std::string(protocol::Identifier).append(protocol::Separator);

@@ -96,7 +96,7 @@ Failure TransferExchange::Decline()
     if (Failure failure = control_.Send(DeclineWord))
         return failure;
     while (!isAtEnd_)
-        if (Failure failure = control_.Receive(arrived_, isAtEnd_))
+        if (Failure failure = ReceiveMore())
             return failure;
     return {};
 }
@@ -146,7 +146,7 @@ Failure TransferExchange::ReceiveEnd(const ServerConnection& data)
         if (givesUpAt == 0)
             data.WatchPeer();
         if (ready[0].revents != 0) {
-            if (Failure failure = control_.Receive(arrived_, isAtEnd_))
+            if (Failure failure = ReceiveMore())
                 return failure;
         } else if (ready[1].revents != 0) {
             givesUpAt = Clock::SteadyMilliseconds() + PatienceWithEnd;
@@ -194,12 +194,17 @@ Failure TransferExchange::SendRequest(const TransferRequest& request)
     return control_.Send(text);
 }
 
+Failure TransferExchange::ReceiveMore()
+{
+    return control_.Receive(arrived_, isAtEnd_, ServerConnection::LongestAnswer);
+}
+
 Failure TransferExchange::ReceiveAnswer(TransferAnswer& answer)
 {
     while (!ReadAnswer(answer)) {
         if (isAtEnd_)
             return ReadRefusal();
-        if (Failure failure = control_.Receive(arrived_, isAtEnd_))
+        if (Failure failure = ReceiveMore())
             return failure;
     }
     // A short transfer into a connection of the server's own may be over by now: its end came along.

@@ -68,6 +68,7 @@ private:
     Failure ReceiveEnd(const ServerConnection& data);
     Failure Listen(std::string& host, int& port);
     Failure SendRequest(const TransferRequest& request);
+    Failure ReceiveMore();
     Failure ReceiveAnswer(TransferAnswer& answer);
     bool ReadAnswer(TransferAnswer& answer);
     Failure ReadRefusal();

@@ -252,6 +252,9 @@ TEST(Run, FailuresAreOneLineAnd255)
         {{"run", "-u", "a|b", "true"}, "the user holds a \"|\""},
         {{"run", "--proxy", "echo HTTP; cat >/dev/null", "true"}, "no RuvelServer"},
         {{"run", "--proxy", "exit 1", "true"}, "check the proxy command"},
+        {{"state", "--proxy", "yes", "x"}, "longer than"},
+        {{"submit", "--proxy", "yes", "--detach", "--to", "127.0.0.1", "true"}, "longer than"},
+        {{"list", "--proxy", "yes"}, "longer than"},
     };
     for (const auto& one : cases) {
         const ControlResult result = Control(daemon.Port(), one.arguments);
