@@ -62,6 +62,8 @@ void ControlProcess::Become(int program) const
     }
     dup2(options_.hasOneOutput ? STDOUT_FILENO : open((base + "/errors").c_str(), flags, 0600),
          STDERR_FILENO);
+    if (options_.lacksStreams)
+        close_range(STDIN_FILENO, STDOUT_FILENO, 0);
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     for (const char* const name : {"RUVEL_USER", "RUVEL_PASSWORD_FILE"})
         unsetenv(name);

@@ -22,6 +22,8 @@ struct ControlOptions {
     bool hasClosedOutput = false;
     /** Standard output goes to this file, from where Output() does not read it. */
     std::string outputFile = {};
+    /** There is no standard input and output. */
+    bool lacksStreams = false;
     /** Further entries of the environment: NAME=VALUE. */
     std::vector<std::string> environment = {};
 };

@@ -194,11 +194,13 @@ TEST(Run, AnInterruptEndsTheRemoteTree)
     EXPECT_EQ(Control(daemon.Port(), {"run", "-c", "echo x; sleep 600"}, {.hasClosedOutput = true}).code,
               -SIGPIPE);
     EXPECT_TRUE(WaitUntilNothingRuns(daemon));
-    const ControlResult full =
-        Control(daemon.Port(), {"run", "-c", "echo x; sleep 600"}, {.outputFile = "/dev/full"});
-    EXPECT_EQ(full.code, 255);
-    EXPECT_THAT(full.errors, HasSubstr("No space left"));
-    EXPECT_TRUE(WaitUntilNothingRuns(daemon));
+    for (const ControlOptions& options :
+         {ControlOptions{.outputFile = "/dev/full"}, ControlOptions{.lacksStreams = true}}) {
+        const ControlResult lost = Control(daemon.Port(), {"run", "-c", "echo x; sleep 600"}, options);
+        EXPECT_EQ(lost.code, 255);
+        EXPECT_THAT(lost.errors, HasSubstr("the output cannot be written"));
+        EXPECT_TRUE(WaitUntilNothingRuns(daemon));
+    }
     // The folder of logs is where the way for standard error lay.
     EXPECT_THAT(daemon.LogFiles(), IsEmpty());
 }
