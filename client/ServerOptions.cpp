@@ -57,6 +57,11 @@ Failure ReadHost(std::string_view text, Server& server)
 
 Failure FindServer(const ServerOptions& options, Server& server)
 {
+    // Given, but by a variable that is not set: it would lead somewhere else than meant.
+    if (options.host && options.host->empty())
+        return {"the host is empty: name one, or leave out -H"};
+    if (options.user && options.user->empty())
+        return {"the user is empty: name one, or leave out -u"};
     if (const std::optional<std::string> host = Choose(options.host, "RUVEL_HOST"))
         if (const Failure failure = ReadHost(*host, server))
             return failure;

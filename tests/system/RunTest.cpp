@@ -251,6 +251,8 @@ TEST(Run, FailuresAreOneLineAnd255)
         {{"run", "--password-file", open, "true"}, "open to others"},
         {{"run", "--password-file", directory.Path() + "/none", "true"}, "cannot be opened"},
         {{"run", "--password-file", bar, "true"}, "the password holds a \"|\""},
+        {{"run", "-H", "", "true"}, "the host is empty"},
+        {{"run", "-u", "", "true"}, "the user is empty"},
         {{"run", "-u", "a|b", "true"}, "the user holds a \"|\""},
         {{"run", "--proxy", "echo HTTP; cat >/dev/null", "true"}, "no RuvelServer"},
         {{"run", "--proxy", "exit 1", "true"}, "check the proxy command"},
