@@ -9,10 +9,9 @@ RequestConnection::~RequestConnection()
     WipeCredentials();
 }
 
-void RequestConnection::SetPeer(const sockaddr_in& address, const long long& acceptedMilliseconds)
+void RequestConnection::SetPeer(const sockaddr_in& address)
 {
     peerAddress_ = address;
-    acceptedMilliseconds_ = acceptedMilliseconds;
 }
 
 void RequestConnection::SetCredentials(std::string_view user, std::string_view password,

@@ -8,9 +8,8 @@
 #include <netinet/in.h>
 
 /**
- * An accepted client whose request has not been served yet: who it is and since when it waits. Its worker,
- * where one is needed, checks the user's password and ends with the result: 0 good, 1 refused. It has no
- * status board.
+ * An accepted client whose request has not been served yet, and who it is. Its worker, where one is needed,
+ * checks the user's password and ends with the result: 0 good, 1 refused. It has no status board.
  *
  * As only so many checks run at once, the worker is ended by an alarm when its time is over: a password
  * system that hangs must not hold a place for good.
@@ -25,10 +24,8 @@ public:
     ~RequestConnection() override;
 
     /** To be called when the client has been accepted. */
-    void SetPeer(const sockaddr_in& address, const long long& acceptedMilliseconds);
+    void SetPeer(const sockaddr_in& address);
     const sockaddr_in& GetPeerAddress() const { return peerAddress_; }
-    /** On the clock of Clock::SteadyMilliseconds(). */
-    const long long& GetAcceptedMilliseconds() const { return acceptedMilliseconds_; }
 
     /** What the worker is to check, in at most so many seconds; copied here and nowhere else. */
     void SetCredentials(std::string_view user, std::string_view password, const int& limitSeconds);
@@ -39,10 +36,7 @@ public:
 
 private:
     sockaddr_in peerAddress_ = {};
-    long long acceptedMilliseconds_ = 0;
     std::string user_;
     std::string password_;
     int limitSeconds_ = 0;
 };
-
-using QORListPtrRequestConnection = QORListPtr<RequestConnection>;

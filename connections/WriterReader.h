@@ -54,7 +54,6 @@ public:
 private:
     void MakeSemaphore();
     void MakeSegment();
-    int CopySlot(QORUnicodeString& text);
 
     int status_ = -1;
     int size_ = -1;

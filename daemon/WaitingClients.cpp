@@ -195,9 +195,8 @@ bool WaitingClients::AcceptOne(BaseSocket& listening, const std::function<bool()
         return false;
     if (Count() >= mostWaiting_)
         MakeRoom();
-    const long long now = Clock::SteadyMilliseconds();
-    client->connection.SetPeer(address, now);
-    client->readDeadline = now + 1000LL * readTimeOut_;
+    client->connection.SetPeer(address);
+    client->readDeadline = Clock::SteadyMilliseconds() + 1000LL * readTimeOut_;
     WaitingClient& accepted = *client;
     accepted.place = heard_.insert(heard_.end(), std::move(client));
     // The request usually comes with the connection: looking at once saves a turn.

@@ -48,9 +48,6 @@ inline constexpr std::array<std::string_view, 13> KnownClients = {
     "RuvelControl V1.9",
 };
 
-/** From this index on a client takes a log as a stream of any length, without the old limit. */
-inline constexpr int StreamingIndex = 9;
-
 /** A number of fields, and the version indices that may send so many. */
 struct FormShape {
     int fieldCount;
