@@ -16,8 +16,10 @@
 
 namespace
 {
-/** The server tries again later when it finds no room. */
+/** Where so many are under way, those that are silent make room. */
 constexpr std::size_t MostDeliveries = 256;
+/** Then they are looked at this often: milliseconds. */
+constexpr int MakesRoomEvery = 1'000;
 constexpr int Backlog = 64;
 
 /** Takes logs until a failure. */
@@ -29,12 +31,15 @@ int Collect(BaseSocket& listening)
         std::vector<pollfd> polled = {{hasRoom ? listening.GetBaseSocketNumber() : -1, POLLIN, 0}};
         for (const Delivery& one : deliveries)
             polled.push_back({one.Descriptor(), POLLIN, 0});
-        if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
+        if (poll(polled.data(), polled.size(), hasRoom ? -1 : MakesRoomEvery) < 0 && errno != EINTR)
             return Report(SystemFailure("cannot wait for logs", errno));
         std::size_t at = 0;
         for (auto one = deliveries.begin(); one != deliveries.end();) {
-            const std::optional<std::string> result =
-                polled[++at].revents != 0 ? one->Receive() : std::nullopt;
+            std::optional<std::string> result;
+            if (polled[++at].revents != 0)
+                result = one->Receive();
+            else if (!hasRoom && one->IsSilent())
+                result = one->GiveUp();
             if (result)
                 if (const int error = WriteToStandardOutput(Terminal::MakePrintable(*result) + "\n"))
                     return Report(SystemFailure("the list of logs cannot be written", error));

@@ -11,6 +11,7 @@
 
 #include "client/Output.h"
 #include "protocol/Texts.h"
+#include "support/Clock.h"
 
 namespace
 {
@@ -18,11 +19,14 @@ constexpr std::size_t BlockSize = 65536;
 /** Host, port, number, user and date take far less. */
 constexpr std::size_t LongestIdentifier = 1024;
 constexpr std::size_t LongestName = 200;
+/** Milliseconds; a server that has connected sends at once. */
+constexpr long long LongestSilence = 30'000;
 constexpr int MostNames = 1000;
 constexpr std::string_view Begin = "HOST(";
 constexpr std::string_view FileEnding = ".log";
 /** Until a log is whole its file has this behind the name. */
 constexpr std::string_view PartEnding = ".part";
+constexpr const char* NoLog = "dropped what is no log";
 } // namespace
 
 std::string FileNameFor(std::string_view identifier)
@@ -39,12 +43,30 @@ std::string FileNameFor(std::string_view identifier)
     return name;
 }
 
+Delivery::Delivery(FileDescriptor socket)
+    : socket_(std::move(socket)), arrivedAt_(Clock::SteadyMilliseconds())
+{
+    const int on = 1;
+    setsockopt(socket_.Number(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+}
+
+bool Delivery::IsSilent() const
+{
+    return Clock::SteadyMilliseconds() >= arrivedAt_ + LongestSilence;
+}
+
+std::string Delivery::GiveUp()
+{
+    return hasIdentifier_ ? Finish(true) : NoLog;
+}
+
 std::optional<std::string> Delivery::Receive()
 {
     std::array<char, BlockSize> block;
     const ssize_t count = recv(socket_.Number(), block.data(), block.size(), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return std::nullopt;
+    arrivedAt_ = Clock::SteadyMilliseconds();
     std::string_view bytes(block.data(), static_cast<std::size_t>(count > 0 ? count : 0));
     std::string first;
     if (!hasIdentifier_) {
@@ -53,7 +75,7 @@ std::optional<std::string> Delivery::Receive()
             const bool isHopeless =
                 count <= 0 || identifier_.size() > LongestIdentifier ||
                 identifier_.substr(0, Begin.size()) != Begin.substr(0, identifier_.size());
-            return isHopeless ? std::optional<std::string>("dropped what is no log") : std::nullopt;
+            return isHopeless ? std::optional<std::string>(NoLog) : std::nullopt;
         }
         first = identifier_.substr(identifier_.find(")->") + 1);
         identifier_.resize(identifier_.size() - first.size());

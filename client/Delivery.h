@@ -14,7 +14,7 @@
 class Delivery
 {
 public:
-    explicit Delivery(FileDescriptor socket) : socket_(std::move(socket)) {}
+    explicit Delivery(FileDescriptor socket);
     Delivery(Delivery&&) = default;
     Delivery& operator=(Delivery&&) = default;
 
@@ -24,6 +24,10 @@ public:
      * the file is in the current folder under a name made of the identifier.
      */
     std::optional<std::string> Receive();
+    /** Nothing has arrived for so long that it may have to make room for others. */
+    bool IsSilent() const;
+    /** Ends it as it is; the line that says what became of it. */
+    std::string GiveUp();
 
 private:
     bool TakeIdentifier();
@@ -31,6 +35,8 @@ private:
     std::string Finish(bool isBroken);
 
     FileDescriptor socket_;
+    /** When, on the steady clock in milliseconds, something last arrived. */
+    long long arrivedAt_;
     std::string identifier_;
     bool hasIdentifier_ = false;
     LogAnswer log_;
