@@ -50,6 +50,13 @@ std::string PartPathOf(const std::string& path)
     return path.substr(0, begin).append(".").append(name).append(PartEnding);
 }
 
+GetTarget::~GetTarget()
+{
+    struct stat facts = {};
+    if (!emptyPath_.empty() && fstat(file_.Number(), &facts) == 0 && facts.st_size == 0)
+        unlink(emptyPath_.c_str());
+}
+
 Failure GetTarget::OpenStandardOutput()
 {
     isStandardOutput_ = true;
@@ -63,14 +70,16 @@ Failure GetTarget::OpenFile(const std::string& target, const std::string& baseNa
     if (Failure failure = FindPath(target, baseName))
         return failure;
     struct stat facts = {};
+    const bool isThere = stat(path_.c_str(), &facts) == 0;
     // A device or a pipe is written to and never replaced.
-    const bool isSpecial = stat(path_.c_str(), &facts) == 0 && !S_ISREG(facts.st_mode);
+    const bool isSpecial = isThere && !S_ISREG(facts.st_mode);
     if (!isSpecial && !isInPlace)
         return OpenPart();
     file_ = FileDescriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, UsualMode));
     if (!file_.IsOpen())
         return SystemFailure(path_ + " cannot be written", errno);
     isRegular_ = !isSpecial;
+    emptyPath_ = isThere ? "" : path_;
     return isRegular_ ? TakeWhatIsThere() : Failure{};
 }
 
@@ -111,6 +120,7 @@ Failure GetTarget::OpenPart()
     struct stat named = {};
     if (lstat(partPath_.c_str(), &named) != 0 || named.st_ino != facts.st_ino || named.st_dev != facts.st_dev)
         return {path_ + " has just been written by another transfer: try again"};
+    emptyPath_ = partPath_;
     if (fchmod(file_.Number(), OwnerOnly) != 0)
         return SystemFailure(partPath_ + " cannot be closed to others", errno);
     isRegular_ = true;
@@ -159,12 +169,15 @@ Failure GetTarget::Finish(const std::string& mode, const std::string& modified)
                               modified.empty() ? timespec{0, UTIME_OMIT} : ReadTime(modified)};
     if (futimens(file_.Number(), times) != 0)
         return SystemFailure("the time cannot be set", errno);
-    if (partPath_.empty())
+    if (partPath_.empty()) {
+        emptyPath_.clear();
         return {};
+    }
     // What is on the disk must not be a name without its bytes after a loss of power.
     if (fdatasync(file_.Number()) != 0)
         return SystemFailure(partPath_ + " cannot be kept", errno);
     if (rename(partPath_.c_str(), path_.c_str()) != 0)
         return SystemFailure(path_ + " cannot be replaced", errno);
+    emptyPath_.clear();
     return {};
 }

@@ -15,6 +15,12 @@
 class GetTarget
 {
 public:
+    GetTarget() = default;
+    GetTarget(const GetTarget&) = delete;
+    GetTarget& operator=(const GetTarget&) = delete;
+    /** Leaves no file behind that was made, or only opened, for nothing. */
+    ~GetTarget();
+
     /** Standard output, of which nothing can be taken back. */
     Failure OpenStandardOutput();
     /** The file of that name, or `baseName` in the folder of that name. What an earlier get has left is kept.
@@ -42,6 +48,8 @@ private:
     std::string path_;
     /** Empty when there is none. */
     std::string partPath_;
+    /** To be removed if nothing gets written; empty when there is none. */
+    std::string emptyPath_;
     FileSums sums_;
 };
 

@@ -158,6 +158,9 @@ TEST_F(PutGet, AFailureSaysWhyAndTouchesNothing)
     other.Send("RuvelControl V1.9|" + OwnUser() + "||TRANSFERPUT|BINARY|" + There("busy") + "|0");
     other.ReadUntil("(Unix)\n");
     ExpectFailed(Run({"put", "--in-place", Here("file"), There("busy")}), "another transfer");
+    ExpectFailed(Run({"get", There("busy"), Here("busy")}), "another transfer");
+    ExpectFailed(Run({"get", "--in-place", There("busy"), Here("busy")}), "another transfer");
+    EXPECT_EQ(ListDirectory(here_.Path()).size(), 1U);
     // A part that is somebody else's: what it leads to must not be written.
     WriteFile(Here("precious"), "kept");
     for (const std::string& side : {here_.Path(), there_.Path()}) {
