@@ -21,7 +21,10 @@ constexpr std::string_view ExecShell = "exec /bin/sh -c ";
 constexpr std::string_view OpenErrorsLead = "if [ -p ";
 constexpr std::string_view OpenErrorsEnd = ";else exit 126;fi;";
 constexpr std::string_view ReaderLead = "trap '' PIPE;set -- \"$RUVELSERVER_TMP\" 0;";
+constexpr std::string_view ReadInput = "$(head -c ";
 constexpr std::string_view EndOfRun = ";exit $1";
+constexpr std::string_view PrintLead = "printf '\\036";
+constexpr std::string_view HexadecimalDigits = "0123456789abcdef";
 constexpr std::string_view FifoName = "/.ruvel-";
 constexpr std::size_t MarkBytes = 16;
 /** What a listing shows of a line that is not in the sent one, in bytes. */
@@ -58,7 +61,7 @@ std::string FifoPath(const Wrapping& wrapping)
 /** Prints lead and number. The sent line spells the first byte out, so that showing it prints no mark. */
 std::string PrintMark(const std::string& lead, std::string_view number)
 {
-    return "printf '\\036" + lead.substr(1) + "%d\\n' " + std::string(number);
+    return std::string(PrintLead) + lead.substr(1) + "%d\\n' " + std::string(number);
 }
 
 /**
@@ -108,6 +111,39 @@ std::string UnquoteFromWire(std::string_view text)
     }
     return line;
 }
+
+/** What runs a line that it reads from its input, and shows `preview` of it. */
+std::string WrapInput(const Wrapping& wrapping, const std::string& preview, const std::string& length)
+{
+    return OpenErrors(wrapping) + ": " + QuoteForWire(preview) + ";set -- \"" + std::string(ReadInput) +
+           length + ")\";set -- \"${1%.}\";(eval \"shift;$1\")" + EndLine(wrapping);
+}
+
+/** The line that is wrapped in one of any form, if it is that. */
+std::string Unwrap(std::string_view sentLine)
+{
+    std::string_view rest = sentLine;
+    if (rest.starts_with(OpenErrorsLead) && rest.find(OpenErrorsEnd) != std::string_view::npos)
+        rest.remove_prefix(rest.find(OpenErrorsEnd) + OpenErrorsEnd.size());
+    if (rest.starts_with(": "))
+        return UnquoteFromWire(rest.substr(2));
+    if (rest.starts_with(SetUnsendable))
+        rest.remove_prefix(SetUnsendable.size());
+    for (const std::string_view shell : {Shell, ExecShell})
+        if (rest.starts_with(shell))
+            return UnquoteFromWire(rest.substr(shell.size()));
+    return std::string(sentLine);
+}
+
+/** The characters from `kinds` that follow where `lead` stands last. */
+std::string TakeBehind(std::string_view line, std::string_view lead, std::string_view kinds)
+{
+    const std::size_t at = line.rfind(lead);
+    if (at == std::string_view::npos)
+        return "";
+    line.remove_prefix(at + lead.size());
+    return std::string(line.substr(0, line.find_first_not_of(kinds)));
+}
 } // namespace
 
 std::string WireLine(std::string_view line)
@@ -124,8 +160,8 @@ std::string MakeMark()
     [[maybe_unused]] const ssize_t count = getrandom(random.data(), random.size(), 0);
     std::string mark;
     for (const unsigned char byte : random) {
-        mark += "0123456789abcdef"[byte >> 4];
-        mark += "0123456789abcdef"[byte & 15];
+        mark += HexadecimalDigits[byte >> 4];
+        mark += HexadecimalDigits[byte & 15];
     }
     return mark;
 }
@@ -167,9 +203,7 @@ std::string WrapLongLine(const Wrapping& wrapping, std::string_view line)
     for (char& byte : preview)
         if (Unsendable.find(byte) != std::string_view::npos)
             byte = ' ';
-    return OpenErrors(wrapping) + ": " + QuoteForWire(preview + "...") + ";set -- \"$(head -c " +
-           std::to_string(LongLineInput(line).size()) + ")\";set -- \"${1%.}\";(eval \"shift;$1\")" +
-           EndLine(wrapping);
+    return WrapInput(wrapping, preview + "...", std::to_string(LongLineInput(line).size()));
 }
 
 std::string LongLineInput(std::string_view line)
@@ -191,20 +225,20 @@ std::string ErrorReaderLine(const std::string& mark)
 
 std::string OwnLine(std::string_view sentLine)
 {
-    if (sentLine.starts_with(SetUnsendable) && sentLine.substr(SetUnsendable.size()).starts_with(ExecShell))
-        return UnquoteFromWire(sentLine.substr(SetUnsendable.size() + ExecShell.size()));
-    if (sentLine.starts_with(ReaderLead))
+    const std::string own = Unwrap(sentLine);
+    const std::string mark = TakeBehind(sentLine, PrintLead, HexadecimalDigits);
+    const std::string length = TakeBehind(sentLine, ReadInput, "0123456789");
+    if (ErrorReaderLine(mark) == sentLine)
         return "(passes on a command's standard error)";
-    if (!sentLine.ends_with(EndOfRun))
-        return std::string(sentLine);
-    std::string_view rest = sentLine;
-    if (rest.starts_with(OpenErrorsLead) && rest.find(OpenErrorsEnd) != std::string_view::npos)
-        rest.remove_prefix(rest.find(OpenErrorsEnd) + OpenErrorsEnd.size());
-    if (rest.starts_with(": "))
-        return UnquoteFromWire(rest.substr(2));
-    if (rest.starts_with(SetUnsendable))
-        rest.remove_prefix(SetUnsendable.size());
-    if (rest.starts_with(Shell))
-        return UnquoteFromWire(rest.substr(Shell.size()));
+    // What is only like a wrapped line is shown as it is: something may hide in it.
+    if (WireLine(own) == sentLine)
+        return own;
+    const bool hasErrorsApart = sentLine.starts_with(OpenErrorsLead);
+    for (const auto folder : {Wrapping::InLogFolder, Wrapping::InTmp}) {
+        const Wrapping wrapping = {mark, hasErrorsApart, folder};
+        if (WrapLine(wrapping, own) == sentLine ||
+            (own.ends_with("...") && WrapInput(wrapping, own, length) == sentLine))
+            return own;
+    }
     return std::string(sentLine);
 }

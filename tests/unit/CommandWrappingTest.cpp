@@ -20,5 +20,11 @@ TEST(CommandWrappingTest, ListingsShowTheUsersLine)
     EXPECT_EQ(OwnLine(WrapLongLine(apart, "a 'b' | c")), "a 'b'   c...");
     for (const std::string own : {"ls -l", "/bin/sh -c 'x'", "exit $1", "/bin/sh -c a;exit $2"})
         EXPECT_EQ(OwnLine(own), own);
+    // Only what is wrapped in nothing else: the rest may be what matters.
+    const std::string wrapped = WrapLine({"abc"}, "ls");
+    for (const std::string& own :
+         {"x;" + wrapped, WireLine("a|b") + ";x", ErrorReaderLine("abc") + ";x",
+          std::string(wrapped).insert(wrapped.find(';'), ";x"), std::string(": ls;x;exit $1")})
+        EXPECT_EQ(OwnLine(own), own);
     EXPECT_EQ(OwnLine(ErrorReaderLine("abc")), "(passes on a command's standard error)");
 }
