@@ -6,12 +6,12 @@
 #include <new>
 #include <stdlib.h>
 
-#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
 #include "support/CommandEnvironment.h"
 #include "support/ProcessSetup.h"
 #include "support/ServiceManager.h"
+#include "support/TurnShare.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -60,7 +60,7 @@ int RuvelServer::MainDaemonLoop(const int& port, const QORUnicodeString& logDire
 void RuvelServer::ServeOneTurn()
 {
     if (IsNothingAlive())
-        BaseProcess::CleanZombiProcess();
+        ReapAllChildren();
     WaitForActivity();
     isCutShort_ = false;
     ReceiveSignals();          // before serving: a kill must not hit what has just ended
@@ -214,11 +214,15 @@ void RuvelServer::ReapChildren(bool childEnded)
         reapAllAt_ = Deadline::Earlier(reapAllAt_,
                                        now + std::max(ShortestReapPause, children / ChildrenPerMillisecond));
     }
-    if (!Deadline::IsPast(reapAllAt_, now))
-        return;
+    if (Deadline::IsPast(reapAllAt_, now))
+        ReapAllChildren();
+}
+
+void RuvelServer::ReapAllChildren()
+{
+    const long long now = Clock::SteadyMilliseconds();
     reapAllAt_ = now + MemoryPause; // should it break off
-    BaseProcess::CleanZombiProcess();
-    reapAllAt_ = Deadline::Never;
+    reapAllAt_ = ChildTable::Reap() ? now : Deadline::Never;
 }
 
 void RuvelServer::AcceptClients()

@@ -2,9 +2,9 @@
 #include <utility>
 
 #include "daemon/RuvelServer.h"
-#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
 #include "support/Clock.h"
+#include "support/TurnShare.h"
 
 namespace
 {

@@ -4,9 +4,9 @@
 #include <array>
 #include <functional>
 
-#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
+#include "support/TurnShare.h"
 
 void LeavingClients::Take(Connection& connection)
 {

@@ -2,10 +2,10 @@
 
 #include <exception>
 
-#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
+#include "support/TurnShare.h"
 
 namespace
 {

@@ -16,11 +16,11 @@
 #include "daemon/Ending.h"
 #include "daemon/LeavingClients.h"
 #include "daemon/Poller.h"
-#include "daemon/TurnShare.h"
 #include "daemon/UserChecks.h"
 #include "daemon/WaitingClients.h"
 #include "support/BaseSocket.h"
 #include "support/QORLists.h"
+#include "support/TurnShare.h"
 
 #include <netinet/in.h>
 
@@ -121,6 +121,7 @@ private:
     long long NextDeadline() const;
     void ReceiveSignals();
     void ReapChildren(bool childEnded);
+    void ReapAllChildren();
     void AcceptClients();
     void ServeCompleteRequests();
     void PushAnswers();

@@ -4,11 +4,11 @@
 #include <string>
 
 #include "connections/WorkerStatus.h"
-#include "daemon/TurnShare.h"
 #include "protocol/Texts.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
 #include "support/ProcessSetup.h"
+#include "support/TurnShare.h"
 
 namespace
 {

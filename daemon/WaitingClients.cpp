@@ -6,9 +6,9 @@
 #include <numeric>
 #include <unordered_map>
 
-#include "daemon/TurnShare.h"
 #include "support/BaseString.h"
 #include "support/Clock.h"
+#include "support/TurnShare.h"
 
 #include <string.h>
 #include <sys/epoll.h>

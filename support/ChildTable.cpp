@@ -9,6 +9,7 @@
 #include "support/AdoptedOrphans.h"
 #include "support/Clock.h"
 #include "support/PidDescriptor.h"
+#include "support/TurnShare.h"
 
 #include <poll.h>
 #include <sys/wait.h>
@@ -123,17 +124,20 @@ ChildId Enter(pid_t processId)
     return ChildId{processId, lastSerial};
 }
 
-void Reap()
+bool Reap()
 {
+    const TurnShare share;
     // Each of these calls passes by all older children that live: when many have ended, one call for each of
     // them would cost their number squared.
     for (int i = 0; i < MostReapedByWalk; ++i)
         if (!ReapAny())
-            return;
+            return false;
     for (const pid_t processId : ListRunning())
         ReapOne(processId);
-    while (ReapAny())
-        ; // strangers
+    bool isMoreLikely = true;
+    while (isMoreLikely && !share.IsUsedUp())
+        isMoreLikely = ReapAny(); // strangers
+    return isMoreLikely;
 }
 
 void ReapOne(pid_t processId)

@@ -39,8 +39,9 @@ void Prepare();
 /** Enters a child that was just forked. Must come before the next Reap(). */
 ChildId Enter(pid_t processId);
 /** Collects, without blocking, every child that has ended. Its cost grows with the number of children, but
- * no more than that however many of them have ended. */
-void Reap();
+ * no more than that however many of them have ended. Adopted strangers are collected for a share of a turn:
+ * true when more of them are likely to have ended. */
+bool Reap();
 /** Collects this child if it has ended, at the same cost however many children there are. */
 void ReapOne(pid_t processId);
 /** Collects those of the youngest children that have ended: where signals have run into one, these are the
