@@ -53,8 +53,15 @@ bool Ending::IsDue(long long now)
     return HasEnded(code) || IsOver() || Deadline::IsPast(NextDeadline(), now);
 }
 
-std::vector<EndingDemand*> Ending::Advance()
+bool Ending::IsTreeUnfinished() const
 {
+    return command_ != nullptr && command_->GetProcess().IsTreeUnfinished();
+}
+
+std::vector<EndingDemand*> Ending::Advance(const TurnShare& share)
+{
+    if (IsTreeUnfinished())
+        command_->GetProcess().GoOnWithTree(share);
     int code = 0;
     const bool ended = HasEnded(code);
     const long long now = Clock::SteadyMilliseconds();
@@ -92,6 +99,8 @@ bool Ending::IsOver() const
 
 long long Ending::NextDeadline() const
 {
+    if (IsTreeUnfinished())
+        return 0;
     long long next = Deadline::Never;
     for (const auto& demand : demands_)
         if (demand->codeText.empty())
@@ -118,17 +127,22 @@ constexpr int MostKills = 30;
 
 } // namespace
 
-bool TreeRemainder::Advance()
+bool TreeRemainder::Advance(const TurnShare& share)
 {
     const long long now = Clock::SteadyMilliseconds();
-    if (!Deadline::IsPast(nextLook_, now))
+    if (!tree_.IsUnfinished()) {
+        if (!Deadline::IsPast(nextLook_, now))
+            return false;
+        if (Deadline::IsPast(killAt_, now)) {
+            tree_.Signal(SIGKILL);
+            ++killsSent_;
+        }
+        tree_.Look();
+    }
+    if (tree_.GoOn(share))
         return false;
     nextLook_ = now + LookInterval;
-    if (Deadline::IsPast(killAt_, now)) {
-        tree_.Signal(SIGKILL);
-        ++killsSent_;
-    } else {
+    if (!Deadline::IsPast(killAt_, now))
         nextLook_ = Deadline::Earlier(nextLook_, killAt_);
-    }
-    return tree_.CountAlive() == 0 || killsSent_ == MostKills;
+    return !tree_.IsAnyoneAlive() || killsSent_ == MostKills;
 }

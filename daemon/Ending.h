@@ -68,10 +68,11 @@ public:
     /** True when Advance() has something to do, or the ending is over. */
     bool IsDue(long long now);
     /**
-     * Looks whether the work has ended and climbs the ladders whose time is over. Returns the demands that
-     * came to their end in this call, in the order in which they were made.
+     * Goes on with the tree for this share of a turn, looks whether the work has ended and climbs the ladders
+     * whose time is over. Returns the demands that came to their end in this call, in the order in which they
+     * were made.
      */
-    std::vector<EndingDemand*> Advance();
+    std::vector<EndingDemand*> Advance(const TurnShare& share);
     /** True for the demand that was made first: the work's own client is told its text. */
     bool IsFirst(const EndingDemand* demand) const { return demand == demands_.front().get(); }
     bool IsOver() const;
@@ -87,6 +88,7 @@ public:
     long long TreeDeadline() const;
 
 private:
+    bool IsTreeUnfinished() const;
     bool HasWorkerEnded();
     void Signal(const EndingDemand& demand);
     void Climb(EndingDemand& demand, long long now);
@@ -108,8 +110,9 @@ public:
     /** `killAt`: when the gentle step is over, milliseconds on the steady clock. */
     TreeRemainder(ProcessTree tree, long long killAt) : tree_(std::move(tree)), killAt_(killAt) {}
 
-    /** True when nobody is left, or nothing more can be done. Looks again once a second. */
-    bool Advance();
+    /** Goes on for this share of a turn. True when nobody is left, or nothing more can be done. Looks again
+     * once a second. */
+    bool Advance(const TurnShare& share);
     long long NextDeadline() const { return nextLook_; }
 
 private:

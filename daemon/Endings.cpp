@@ -72,7 +72,7 @@ void RuvelServer::AdvanceEndings()
         if (!current->second->IsDue(now))
             continue; // it has cost next to nothing
         lastAdvanced_ = current->first;
-        AdvanceEnding(current);
+        AdvanceEnding(current, share);
         if (share.IsUsedUp()) {
             isCutShort_ = true;
             return;
@@ -80,10 +80,10 @@ void RuvelServer::AdvanceEndings()
     }
 }
 
-void RuvelServer::AdvanceEnding(EndingMap::iterator current)
+void RuvelServer::AdvanceEnding(EndingMap::iterator current, const TurnShare& share)
 {
     Ending& ending = *current->second;
-    for (EndingDemand* demand : ending.Advance())
+    for (EndingDemand* demand : ending.Advance(share))
         FinishGuarded(ending, *demand);
     if (!ending.IsOver())
         return;
@@ -103,7 +103,7 @@ void RuvelServer::AdvanceRemainders()
         const auto next = std::min_element(remainders_.begin(), remainders_.end(), isEarlier);
         if (!Deadline::IsPast(next->NextDeadline(), Clock::SteadyMilliseconds()))
             return;
-        if (next->Advance()) {
+        if (next->Advance(share)) {
             std::swap(*next, remainders_.back());
             remainders_.pop_back();
         }

@@ -206,7 +206,7 @@ private:
     void EndCommand(BaseConnection& command, EndingCause cause, std::string_view text);
     void EndTransfer(TransferConnection& transfer, EndingCause cause, std::string_view text);
     void AdvanceEndings();
-    void AdvanceEnding(EndingMap::iterator current);
+    void AdvanceEnding(EndingMap::iterator current, const TurnShare& share);
     void AdvanceRemainders();
     void FinishGuarded(Ending& ending, EndingDemand& demand);
     void FinishDemand(Ending& ending, EndingDemand& demand);

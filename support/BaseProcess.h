@@ -87,8 +87,12 @@ public:
     int WaitForProcess(int& returnCode, const int& timeoutSeconds);
     /** Asks the command to terminate (`force` 0) or kills it (1). 0 when signalled or already ended. */
     int KillBaseProcess(const int& force);
-    /** The same for the command and everything that descends from it. */
+    /** The same for the command and everything that descends from it. A large tree takes more than one share
+     * of a turn: then the rest is left to GoOnWithTree(). */
     int KillBaseProcessTree(const int& force);
+    /** Goes on with the end of the tree for this share of a turn. */
+    void GoOnWithTree(const TurnShare& share) { tree_.GoOn(share); }
+    bool IsTreeUnfinished() const { return tree_.IsUnfinished(); }
     /** Hands over the tree, so that what outlives the command can still be ended. */
     ProcessTree TakeProcessTree();
     /** Forgets the process: destruction touches nothing, CheckForProcess says ended. */

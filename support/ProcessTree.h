@@ -1,10 +1,13 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "support/ChildTable.h"
 #include "support/FileDescriptor.h"
+#include "support/TurnShare.h"
 
 /**
  * A command and everything that descends from it, held so that it can be ended for certain.
@@ -20,29 +23,33 @@
 class ProcessTree
 {
 public:
-    ProcessTree() = default;
+    ProcessTree();
     /** `mark` is the whole environment entry (NAME=value) that the command was started with. */
     ProcessTree(const ChildId& command, std::string mark);
     /** The tree moved from is empty: it finds and signals nothing. */
     ProcessTree(ProcessTree&& other) noexcept;
     ProcessTree& operator=(ProcessTree&& other) noexcept;
-    ~ProcessTree() = default;
+    ~ProcessTree();
 
     /**
-     * Stops the tree from the top until no new member appears, sends every member `signal`, and lets them
-     * continue. Never waits for longer than a few milliseconds: a member that cannot stop just now is
-     * signalled all the same. May be called again; members found before are kept.
+     * Begins to stop the tree from the top until no new member appears, to send every member `signal` then,
+     * and to let them continue; members found before are kept. Does as much of it as one share of a turn has
+     * time for, and GoOn() the rest. A member that cannot stop just now is signalled all the same. What is
+     * demanded while it goes on comes with it or behind it; a kill goes before a request to terminate.
      */
     void Signal(int signal);
+    /** Begins to let go of the members that have ended. When the last one has, it looks once more for what
+     * they may have left behind, which gets the last signal too. GoOn() does it, behind a signal's course. */
+    void Look();
+    /** Goes on with what has been begun, for this share of a turn. True as long as some of it is left. */
+    bool GoOn(const TurnShare& share);
+    bool IsUnfinished() const { return phase_ != Phase::Idle || demandedSignal_ != 0 || isLookDemanded_; }
     /** The command's process id was still its own at this moment (steady milliseconds): who was in its
      * session then is a member, however little else tells it. */
     void NoteRunning(long long milliseconds);
-    /**
-     * Number of members found so far that are still alive; those that have ended are let go. When the last
-     * one has, it looks once more for what they may have left behind, which gets the last signal too. One
-     * more while the tree moved on faster than it could be looked through. 0 before the first Signal().
-     */
-    int CountAlive();
+    /** False when no member that has been found is alive as far as the last look saw; true while something is
+     * left to do, and when the tree moved on faster than it could be looked through. */
+    bool IsAnyoneAlive() const { return IsUnfinished() || isUnsettled_ || !members_.empty(); }
 
 private:
     /** A pidfd, or none: all trees together have a limited number, as everybody needs descriptors. */
@@ -71,15 +78,33 @@ private:
     };
     class Search;
 
+    /** What is being done for a signal or a look, in this order. */
+    enum class Phase { Idle, LettingGo, Searching, Signalling, Continuing };
+
     static int Send(const Member& member, int signal);
     static bool HasEnded(const Member& member);
-    void LetGoOfEnded();
-    bool StopAll();
+    void Begin();
+    void LetGoOfNext();
+    void EndLettingGo();
+    void BeginSearch();
+    void SearchOn(const TurnShare& share);
+    void SignalNext();
+    void ContinueNext();
+    void Enter(Phase phase);
 
     ChildId command_;
     std::string mark_;
     unsigned long long lastSeenRunning_ = 0; // the command: clock ticks since boot
-    int lastSignal_ = 0;
     bool isUnsettled_ = false;
     std::vector<Member> members_; // in the order in which they were found, parents first
+
+    Phase phase_ = Phase::Idle;
+    std::size_t next_ = 0; // the member whose turn it is
+    std::size_t kept_ = 0; // those in front of it that have not ended
+    std::unique_ptr<Search> search_;
+    int demandedSignal_ = 0; // not begun with
+    bool isLookDemanded_ = false;
+    int signal_ = 0; // that is being sent, 0 in a look
+    int lastSignal_ = 0;
+    bool isRestSought_ = false; // what the last members may have left behind
 };

@@ -31,6 +31,21 @@ protected:
         ASSERT_EQ(process.StartBaseProcess(command, nullptr, 0, 0), 0);
     }
 
+    static void KillTree(BaseProcess& process, int force)
+    {
+        EXPECT_EQ(process.KillBaseProcessTree(force), 0);
+        while (process.IsTreeUnfinished())
+            process.GoOnWithTree(TurnShare());
+    }
+
+    static bool IsNobodyLeft(ProcessTree& tree)
+    {
+        tree.Look();
+        while (tree.GoOn(TurnShare()))
+            continue;
+        return !tree.IsAnyoneAlive();
+    }
+
     static std::size_t CountOf(const std::vector<pid_t>& ids)
     {
         return static_cast<std::size_t>(std::count_if(ids.begin(), ids.end(), IsAlive));
@@ -46,11 +61,11 @@ TEST_F(ProcessTreeTest, WhoeverTheCommandLeavesInItsSessionIsReachedWhenItHasEnd
     // Started by the request to end, it bears no mark and has lost its parent; nobody else is in the session.
     StartTree(process, "trap '(env -i @ &); exit 3' TERM; %; while :; do sleep 0.01; done");
     ASSERT_EQ(CountOf(WaitForIds(1)), 1U);
-    EXPECT_EQ(process.KillBaseProcessTree(0), 0);
+    KillTree(process, 0);
     EXPECT_EQ(WaitForEnd(process), 3);
     const std::vector<pid_t> ids = WaitForIds(2);
     EXPECT_EQ(CountOf(ids), 1U);
-    EXPECT_EQ(process.KillBaseProcessTree(1), 0);
+    KillTree(process, 1);
     EXPECT_TRUE(WaitUntil([&] {
         ChildTable::Reap();
         return CountOf(ids) == 0;
@@ -64,7 +79,7 @@ TEST_F(ProcessTreeTest, NobodyRunsWhileTheTreeIsSignalled)
     const pid_t command = WaitForIds(1).at(0);
     // Continued is only who had stopped; a busy machine may give a member no time to.
     EXPECT_TRUE(WaitUntil([&] {
-        process.KillBaseProcessTree(0);
+        KillTree(process, 0);
         siginfo_t info{};
         return waitid(P_PID, static_cast<id_t>(command), &info, WCONTINUED | WNOHANG) == 0 &&
                info.si_pid == command;
@@ -78,11 +93,11 @@ TEST_F(ProcessTreeTest, WhatIsLeftBehindWhileEndingIsEndedToo)
     StartTree(process, "trap '(setsid @ &); exit 3' TERM; %\n"
                        "while :; do sleep 0.01; done");
     WaitForIds(1);
-    process.KillBaseProcessTree(0);
+    KillTree(process, 0);
     EXPECT_EQ(WaitForEnd(process), 3);
     const std::vector<pid_t> ids = WaitForIds(2);
     ProcessTree tree = process.TakeProcessTree();
-    EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return IsNobodyLeft(tree); }));
     EXPECT_EQ(CountOf(ids), 0U);
 }
 
@@ -97,15 +112,30 @@ TEST_F(ProcessTreeTest, WhoNeverStaysIsCaught)
         std::filesystem::remove(Path("ids"));
         StartTree(process, shell);
         WaitForIds(20);
-        process.KillBaseProcessTree(1);
+        KillTree(process, 1);
         EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
         ProcessTree tree = process.TakeProcessTree();
-        EXPECT_TRUE(WaitUntil([&] { return tree.CountAlive() == 0; }));
+        EXPECT_TRUE(WaitUntil([&] { return IsNobodyLeft(tree); }));
         EXPECT_TRUE(WaitUntil([] {
             ChildTable::Reap();
             return waitpid(-1, nullptr, WNOHANG) == -1;
         }));
     }
+}
+
+TEST_F(ProcessTreeTest, ALargeTreeTakesMoreThanOneShareAndMayMoveMeanwhile)
+{
+    BaseProcess process;
+    StartTree(process, "trap '' TERM; for i in $(seq 100); do @ & done; wait");
+    const std::vector<pid_t> ids = WaitForIds(100);
+    EXPECT_EQ(process.KillBaseProcessTree(0), 0);
+    EXPECT_TRUE(process.IsTreeUnfinished());
+    EXPECT_EQ(process.KillBaseProcessTree(1), 0); // comes along with the request that it ignores
+    ProcessTree tree = process.TakeProcessTree();
+    EXPECT_FALSE(process.IsTreeUnfinished());
+    EXPECT_TRUE(WaitUntil([&] { return IsNobodyLeft(tree); }));
+    EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
+    EXPECT_EQ(CountOf(ids), 0U);
 }
 
 TEST_F(ProcessTreeTest, WhoIsAStrangerToOneTreeIsFoundByItsOwn)
@@ -122,10 +152,10 @@ TEST_F(ProcessTreeTest, WhoIsAStrangerToOneTreeIsFoundByItsOwn)
     };
     EXPECT_TRUE(WaitUntil([&] { return std::all_of(ids.begin(), ids.end(), isRemembered); }));
     for (int look = 0; look < 2; ++look)
-        EXPECT_EQ(one.KillBaseProcessTree(1), 0);
+        KillTree(one, 1);
     EXPECT_EQ(WaitForEnd(one), 128 + SIGKILL);
     EXPECT_EQ(CountOf(ids), 3U);
-    EXPECT_EQ(other.KillBaseProcessTree(1), 0);
+    KillTree(other, 1);
     EXPECT_EQ(WaitForEnd(other), 128 + SIGKILL);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; }));
 }
@@ -156,11 +186,11 @@ TEST_F(ProcessTreeTest, WithNextToNoDescriptorsLeft)
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
         // A look is limited in time, and on a busy machine one may not be enough.
         for (int look = 0; look < (left == 0 ? 1 : 10); ++look)
-            process.KillBaseProcessTree(1);
+            KillTree(process, 1);
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
         EXPECT_EQ(WaitForEnd(process), 128 + SIGKILL);
         if (left == 0) // nobody but the command itself could be found then
-            process.KillBaseProcessTree(1);
+            KillTree(process, 1);
         EXPECT_TRUE(WaitUntil([&] { return CountOf(ids) == 0; })) << left;
     }
 }
@@ -180,11 +210,11 @@ TEST_F(ProcessTreeTest, AllTreesTogetherTakeAQuarterOfTheDescriptors)
     const rlimit few{64, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     for (BaseProcess& process : processes)
-        process.KillBaseProcessTree(0);
+        KillTree(process, 0);
     EXPECT_LE(countOpen() - open, 64 / 4);
     EXPECT_TRUE(WaitUntil([&] {
         for (BaseProcess& process : processes)
-            process.KillBaseProcessTree(1);
+            KillTree(process, 1);
         ChildTable::Reap();
         return CountOf(ids) == 0;
     }));
