@@ -154,12 +154,14 @@ TEST(Kill, ATransferThatAnotherSignalEndsIsToldAsWhatIsWaitedFor)
     transfer.Control().ReadUntil(BannerLine);
     ASSERT_EQ(daemon.Descendants().size(), 1u);
     const pid_t worker = daemon.Descendants().front();
+    const auto waitForStatus = [worker](const char* line) {
+        const std::string status = "/proc/" + std::to_string(worker) + "/status";
+        return WaitUntil([&] { return ReadFile(status).find(line) != std::string::npos; });
+    };
     kill(worker, SIGSTOP);
+    ASSERT_TRUE(waitForStatus("State:\tT"));
     Client asker = Begin(daemon, Kill("KILL", "0"));
-    ASSERT_TRUE(WaitUntil([&] {
-        return ReadFile("/proc/" + std::to_string(worker) + "/status").find("ShdPnd:\t0000000000004000\n") !=
-               std::string::npos;
-    }));
+    ASSERT_TRUE(waitForStatus("ShdPnd:\t0000000000004000\n"));
     // The lowest that is pending comes first.
     kill(worker, SIGQUIT);
     kill(worker, SIGCONT);
