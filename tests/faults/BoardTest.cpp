@@ -36,7 +36,7 @@ TEST(Board, WhoeverHoldsItHoldsUpNobody)
     ASSERT_EQ(semaphores.size(), 1u);
     sembuf take{0, -1, 0};
     ASSERT_EQ(semop(semaphores[0], &take, 1), 0);
-    kill(workers[0], SIGSTOP);
+    StopProcess(workers[0]);
     const std::string listing = Ask(daemon, Keyword("INFO"));
     EXPECT_NE(listing.find("CMD(TRANSFER GET)"), std::string::npos) << listing;
     EXPECT_EQ(listing.find("STATUS("), std::string::npos) << listing;

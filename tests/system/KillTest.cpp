@@ -154,14 +154,12 @@ TEST(Kill, ATransferThatAnotherSignalEndsIsToldAsWhatIsWaitedFor)
     transfer.Control().ReadUntil(BannerLine);
     ASSERT_EQ(daemon.Descendants().size(), 1u);
     const pid_t worker = daemon.Descendants().front();
-    const auto waitForStatus = [worker](const char* line) {
-        const std::string status = "/proc/" + std::to_string(worker) + "/status";
-        return WaitUntil([&] { return ReadFile(status).find(line) != std::string::npos; });
-    };
-    kill(worker, SIGSTOP);
-    ASSERT_TRUE(waitForStatus("State:\tT"));
+    StopProcess(worker);
     Client asker = Begin(daemon, Kill("KILL", "0"));
-    ASSERT_TRUE(waitForStatus("ShdPnd:\t0000000000004000\n"));
+    ASSERT_TRUE(WaitUntil([&] {
+        return ReadFile("/proc/" + std::to_string(worker) + "/status").find("ShdPnd:\t0000000000004000\n") !=
+               std::string::npos;
+    }));
     // The lowest that is pending comes first.
     kill(worker, SIGQUIT);
     kill(worker, SIGCONT);
@@ -250,7 +248,7 @@ TEST(Shutdown, EveryLadderIsTakenOnceAndEveryClientIsTold)
     // The workers are stopped, so that only force ends them.
     for (const pid_t process : daemon.Descendants())
         if (ReadFile("/proc/" + std::to_string(process) + "/cmdline").starts_with("RuvelServer"))
-            kill(process, SIGSTOP);
+            StopProcess(process);
 
     EXPECT_EQ(Ask(daemon, Keyword("Close")), BannerLine + std::string("->RuvelServer closed\n"));
     for (Client& command : commands)

@@ -1,13 +1,16 @@
 #include "tests/system/SystemFacts.h"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include <gtest/gtest.h>
 #include <sys/sem.h>
 
 #include "tests/system/ServerProcess.h"
+#include "tests/system/Waiting.h"
 
 namespace
 {
@@ -52,6 +55,15 @@ std::vector<pid_t> FindZombiesOf(pid_t parent)
         return state.size() < 2 || state[0] != "Z" || state[1] != std::to_string(parent);
     });
     return found;
+}
+
+void StopProcess(pid_t process)
+{
+    kill(process, SIGSTOP);
+    EXPECT_TRUE(WaitUntil([process] {
+        const std::vector<std::string> state = ReadState(process);
+        return state.empty() || state.front() == "T";
+    }));
 }
 
 bool IsAlive(pid_t process)

@@ -15,6 +15,8 @@ std::vector<pid_t> FindProcessesWith(const std::string& text);
 /** Ended children of a process that it has not yet asked for. */
 std::vector<pid_t> FindZombiesOf(pid_t parent);
 bool IsAlive(pid_t process);
+/** Stops it and waits until it stands still: a signal sent before that could be taken first. */
+void StopProcess(pid_t process);
 size_t CountDescriptorsOf(pid_t process);
 /** The semaphore sets that one of these processes was the last to use. */
 std::vector<int> FindSemaphoresOf(const std::vector<pid_t>& users);
