@@ -22,7 +22,7 @@ namespace
 constexpr long NapNanoseconds = 200000; // between two looks at a tree that is stopping
 constexpr int MostNaps = 25;            // 5 ms in all: a member may be unable to stop for as long as it likes
 constexpr long long MostMicroseconds = 1000000; // for a tree that grows as fast as it is stopped
-constexpr int MostMissedInARow = 8;            // looks at the orphans alone
+constexpr int MostMissedInARow = 8;             // looks at the orphans alone
 // A list of children that come and go may lack one that is there: where somebody was missed one quiet walk is
 // no proof yet.
 constexpr int QuietWalksAfterMiss = 4;
