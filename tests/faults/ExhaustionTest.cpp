@@ -138,15 +138,19 @@ TEST(ExhaustionAsRoot, DescriptorsTakenByWrongPasswords)
     const size_t before = CountDescriptorsOf(id);
     {
         const Scarcity scarcity(id, RLIMIT_NOFILE, before + 20);
-        Client elsewhere(daemon.Port(), daemon.Conversation(), 0, 2);
-        elsewhere.Send(Launch("SOCKET", "true"));
+        const auto sendFromElsewhere = [&](const std::string& text) {
+            Client client(daemon.Port(), daemon.Conversation(), 0, 2);
+            client.Send(text);
+            return client;
+        };
+        Client elsewhere = sendFromElsewhere(Launch("SOCKET", "true"));
         std::vector<Client> wrong;
         for (int i = 0; i < 60; ++i) {
             wrong.push_back(daemon.Connect());
             wrong.back().Send(Launch("SOCKET", "true"));
         }
         for (int i = 0; i < 5; ++i)
-            EXPECT_THAT(Ask(daemon, "hello"), HasSubstr("not recognized"));
+            EXPECT_THAT(sendFromElsewhere("hello").ReadToEnd(), HasSubstr("not recognized"));
         EXPECT_TRUE(daemon.Process().WaitForTrace("too many clients wait"));
         EXPECT_THAT(elsewhere.ReadToEnd(), HasSubstr("->Error bad user or password"));
     }
