@@ -138,11 +138,11 @@ private:
 
     ProcessTree* tree_;
     Phase phase_ = Phase::StopKnown;
-    bool isClosing_ =
-        false; // looks at the members' children alone, so that none loses the parent that tells it
-    std::size_t next_ = 0; // the member whose turn it is
+    bool isClosing_ = false; // looks at children alone, so that none loses the parent that tells it
+    std::size_t next_ = 0;   // the member whose turn it is
     std::optional<ChildrenReader> reader_;
     std::vector<pid_t> orphans_;  // yet to be considered, from the back
+    bool areOrphansOld_ = false;  // some may have been reaped since they were listed
     std::vector<pid_t> children_; // of the member before the next one; likewise
 
     long long begin_ = 0; // of the turn's share
@@ -173,6 +173,7 @@ ProcessTree::Search::Search(ProcessTree& tree) : tree_(&tree), sessionIsTheirs_(
 bool ProcessTree::Search::GoOn(const TurnShare& share)
 {
     begin_ = Clock::SteadyMicroseconds();
+    areOrphansOld_ = true;
     while (phase_ != Phase::Over) {
         switch (phase_) {
         case Phase::StopKnown:
@@ -243,6 +244,7 @@ void ProcessTree::Search::BeginWalk()
         Hold(command, nullptr);
     reader_.emplace();
     orphans_ = reader_->ListChildren(getpid());
+    areOrphansOld_ = false;
     phase_ = Phase::WalkOrphans;
 }
 
@@ -353,8 +355,11 @@ void ProcessTree::Search::Miss(pid_t processId)
 void ProcessTree::Search::Consider(pid_t orphan)
 {
     ProcessStatus status;
-    if (!ProcessFiles::ReadStatus(orphan, status))
+    if (!ProcessFiles::ReadStatus(orphan, status)) {
+        if (areOrphansOld_)
+            Miss(orphan);
         return;
+    }
     if (IsOfTheirSession(status)) {
         Hold(orphan, nullptr);
         return;
@@ -470,8 +475,9 @@ bool ProcessTree::HasEnded(const Member& member)
         return poll(&ending, 1, 0) == 1;
     }
     ProcessStatus status;
-    return !ProcessFiles::ReadStatus(member.processId, status) || status.startTime != member.startTime ||
-           status.HasEnded();
+    if (ProcessFiles::ReadStatus(member.processId, status))
+        return status.startTime != member.startTime || status.HasEnded();
+    return kill(member.processId, 0) != 0 && errno == ESRCH; // else there was no descriptor to read it with
 }
 
 void ProcessTree::Signal(int signal)
