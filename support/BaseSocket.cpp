@@ -190,8 +190,8 @@ int BaseSocket::AcceptConnectionFromClientWithTimeOut(BaseSocket& client, sockad
             return AcceptFailed;
         }
         if (const int error = WaitForDescriptor(descriptor_, POLLIN, deadline)) {
-            Fail(error, error == ETIMEDOUT ? "accept" : "poll");
-            return error == ETIMEDOUT ? AcceptTimeOut : AcceptFailed;
+            Fail(error, "accept");
+            return AcceptTimeOut;
         }
     }
 }

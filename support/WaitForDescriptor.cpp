@@ -28,10 +28,8 @@ int WaitForDescriptor(int descriptor, short events, long long deadline)
         const int ready = poll(&waited, 1, static_cast<int>(left < INT_MAX ? left : INT_MAX));
         if (ready > 0)
             return 0;
-        if (ready < 0 && errno != EINTR && errno != ENOMEM)
-            return errno;
-        // A connection must not be given up, and made again, because memory is short for a moment.
-        if (ready < 0 && errno == ENOMEM)
+        // A connection must not be given up, and made again, because a look at it has failed.
+        if (ready < 0 && errno != EINTR)
             usleep(ScarcityPause);
     }
 }

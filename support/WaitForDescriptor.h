@@ -4,7 +4,7 @@
 long long DeadlineIn(int seconds);
 
 /**
- * Waits until the descriptor is ready for `events` (as for poll) or broken, through interruptions: 0, else
- * the error number; ETIMEDOUT at the deadline. A deadline that has passed is not waited for at all.
+ * Waits until the descriptor is ready for `events` (as for poll) or broken, through interruptions and looks
+ * that fail: 0, or ETIMEDOUT at the deadline. A deadline that has passed is not waited for at all.
  */
 int WaitForDescriptor(int descriptor, short events, long long deadline);
