@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "daemon/RuvelServer.h"
 #include "protocol/Texts.h"
 
@@ -8,6 +10,8 @@ namespace
 constexpr long long BoardBudgetMicroseconds = 2000;
 /** Reports that may be in the making at once: a hung mount holds each of them up for as long as it hangs. */
 constexpr std::size_t MostReports = 16;
+/** With those that have been given up, but have not ended yet. */
+constexpr std::size_t MostReportWorkers = 2 * MostReports;
 
 void AppendCount(std::string& listing, int count, std::string_view text)
 {
@@ -56,13 +60,29 @@ void RuvelServer::ServeAllInfo(WaitingClient& client)
     auto report = std::make_unique<ReportConnection>(QORUnicodeString(ListActiveWork()), readTimeOut_);
     TakeSocket(client, *report);
     QORListPtrBaseSocket sockets = ListSocketsForWorker();
-    if (reports_.size() < MostReports && report->StartThreadOrProcess(sockets) == 0) {
+    reports_.reserve(MostReportWorkers); // a worker that runs must not be lost
+    if (MakeRoomForReport() && report->StartThreadOrProcess(sockets) == 0) {
         reports_.push_back(std::move(report));
         return;
     }
     WriteToBaseConnectionSocket(report.get(),
                                 QORUnicodeString(ListActiveWork().append(protocol::ReportNotStarted)), 0);
     Dismiss(*report);
+}
+
+/** Where all places are taken the oldest report, if it is overdue, gives up its own. */
+bool RuvelServer::MakeRoomForReport()
+{
+    if (reports_.size() >= MostReportWorkers)
+        return false;
+    const auto isInTheMaking = [](const auto& report) { return !report->IsGivenUp(); };
+    if (std::count_if(reports_.begin(), reports_.end(), isInTheMaking) < std::ptrdiff_t{MostReports})
+        return true;
+    ReportConnection& oldest = **std::find_if(reports_.begin(), reports_.end(), isInTheMaking);
+    if (!oldest.IsOverdue())
+        return false;
+    oldest.GiveUp();
+    return true;
 }
 
 /** A command is running for its client until its log has been delivered. */

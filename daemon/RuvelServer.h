@@ -165,6 +165,7 @@ private:
     QORUnicodeString NextLogFileName(bool isToBeMade) const;
     void ServeInfo(WaitingClient& client);
     void ServeAllInfo(WaitingClient& client);
+    bool MakeRoomForReport();
     void ServeState(WaitingClient& client);
     std::string ListActiveWork();
     void ServeClose(WaitingClient& client);

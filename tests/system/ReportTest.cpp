@@ -8,6 +8,9 @@
 
 #include "tests/system/DaemonUnderTest.h"
 
+using testing::HasSubstr;
+using testing::StartsWith;
+
 namespace
 {
 /** How a line on memory begins: what does not change while others use this machine. */
@@ -44,7 +47,30 @@ TEST(Report, IsWhatTheSystemSays)
     std::string line;
     for (const std::string& lead : leads) {
         std::getline(lines, line);
-        EXPECT_THAT(line, testing::StartsWith(lead));
+        EXPECT_THAT(line, StartsWith(lead));
     }
     EXPECT_TRUE(std::getline(lines, line)) << "no file system at all";
+}
+
+TEST(Report, WhoDoesNotTakeItKeepsItFromNobody)
+{
+    DaemonUnderTest daemon;
+    // The listing is longer than what lies between daemon and client can hold.
+    std::vector<Client> shown;
+    for (int i = 0; i < 40; ++i) {
+        shown.push_back(daemon.Connect());
+        shown.back().Send(Launch("SOCKET", "echo up; exec sleep 1000 # " + std::string(130'000, 'x')));
+        shown.back().ReadUntil("up\n");
+    }
+    std::vector<Client> idle;
+    for (int i = 0; i < 16; ++i) {
+        idle.emplace_back(daemon.Port(), daemon.Conversation(), 4096);
+        idle.back().Send(Keyword("ALLINFO"));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return daemon.Descendants().size() == 40 + 16; }));
+    EXPECT_THAT(Ask(daemon, Keyword("ALLINFO")), HasSubstr("->Error unable to start system report\n"));
+    EXPECT_TRUE(WaitUntil([&] {
+        return Ask(daemon, Keyword("ALLINFO")).find("->Found operating system") != std::string::npos;
+    }));
+    EXPECT_TRUE(WaitUntil([&] { return daemon.Descendants().size() == 40 + 15; }));
 }
