@@ -72,11 +72,18 @@ void NoteEnd(pid_t processId, int waitStatus)
     ends.push_back(found->second.serial);
 }
 
+/** Does not wait. A look that fails is made once more: the end that it missed may be the last for long. */
+pid_t AskForEnd(pid_t processId, int& waitStatus)
+{
+    const pid_t ended = waitpid(processId, &waitStatus, WNOHANG);
+    return ended >= 0 ? ended : waitpid(processId, &waitStatus, WNOHANG);
+}
+
 /** False when no child is there that has ended. */
 bool ReapAny()
 {
     int waitStatus = 0;
-    const pid_t processId = waitpid(-1, &waitStatus, WNOHANG);
+    const pid_t processId = AskForEnd(-1, waitStatus);
     if (processId > 0)
         NoteEnd(processId, waitStatus);
     return processId > 0;
@@ -143,7 +150,7 @@ bool Reap()
 void ReapOne(pid_t processId)
 {
     int waitStatus = 0;
-    if (processId > 0 && waitpid(processId, &waitStatus, WNOHANG) == processId)
+    if (processId > 0 && AskForEnd(processId, waitStatus) == processId)
         NoteEnd(processId, waitStatus);
 }
 
