@@ -34,22 +34,24 @@ constexpr long long Mebibyte = 1 << 20;
 constexpr long long MostElsewhere = 768 * Mebibyte;
 
 /**
- * All memory that is available but so much, held in hand. A virtual machine gives what is free back to its
- * host, and to fetch it again takes several times as long as a move. With little of it free all moves get the
- * same memory, and none has to fetch it.
+ * Memory in hand, every page of it. A virtual machine gives what is free for some seconds back to its host,
+ * and to fetch it again takes several times as long as a move. While all memory but so much is held, all
+ * moves get the same; and what was held and given back a moment ago none of them has to fetch.
  */
-class Ballast
+class HeldMemory
 {
 public:
-    explicit Ballast(long long bytesLeft) : bytes_(std::max(0LL, AvailableBytes() - bytesLeft))
+    static HeldMemory AllBut(long long bytesLeft) { return HeldMemory(AvailableBytes() - bytesLeft); }
+
+    explicit HeldMemory(long long bytes) : bytes_(std::max(0LL, bytes))
     {
         if (bytes_ > 0)
             memory_ = mmap(nullptr, static_cast<std::size_t>(bytes_), PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_POPULATE, -1, 0);
     }
-    Ballast(const Ballast&) = delete;
-    Ballast& operator=(const Ballast&) = delete;
-    ~Ballast()
+    HeldMemory(const HeldMemory&) = delete;
+    HeldMemory& operator=(const HeldMemory&) = delete;
+    ~HeldMemory()
     {
         if (memory_ != MAP_FAILED)
             munmap(memory_, static_cast<std::size_t>(bytes_));
@@ -128,6 +130,7 @@ public:
     template <class Move>
     void AddSpeed(const char* name, Move move)
     {
+        HeldMemory(contest_.size + MostElsewhere / 2);
         const double begin = NowInMicroseconds();
         move();
         const double seconds = (NowInMicroseconds() - begin) / 1e6;
@@ -181,11 +184,6 @@ void AddLoop(const Contest& contest, bool isGet, Direction& direction)
 void AddRound(const Contest& contest, bool isGet, Results& results)
 {
     Direction direction(contest, isGet, results);
-    // Nobody is to be the first to want memory that was free for a while.
-    for (int i = 0; i < 2; ++i) {
-        BareTransfer::MakeFile(contest.copy, contest.size);
-        fs::remove(contest.copy);
-    }
     AddLoop(contest, isGet, direction);
     direction.AddSpeedAndCpu(Results::Own, contest.daemon.Id(), [&] {
         MoveByDaemon(contest.daemon, isGet, isGet ? contest.file : contest.copy, contest.file);
@@ -232,7 +230,7 @@ void MeasureTransfers(const Extent& extent, Results& results)
 {
     const Contest contest(extent.FileSize());
     {
-        const Ballast ballast(extent.FileSize() + MostElsewhere);
+        const HeldMemory rest = HeldMemory::AllBut(extent.FileSize() + MostElsewhere);
         for (int round = 0; round < extent.Rounds(5, 3); ++round) {
             AddRound(contest, true, results);
             AddRound(contest, false, results);
