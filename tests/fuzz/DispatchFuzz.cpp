@@ -305,6 +305,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static int port = 12000 + static_cast<int>(std::random_device{}() % 16000);
     SilenceStandardOutput();
+    GoOnAfterAlarms();
     OwnDirectory();
     const auto [choice, text] = TakeChoice(data, size);
     Play current;

@@ -31,5 +31,8 @@ std::vector<std::string_view> Split(std::string_view text, char separator);
 /** Lets nothing of what is written to standard output be seen. */
 void SilenceStandardOutput();
 
+/** Lets calls that wait go on after the alarm by which the engine looks for inputs that take too long. */
+void GoOnAfterAlarms();
+
 /** A new directory under /tmp that goes with the process, unless that finds something. */
 const std::string& OwnDirectory();

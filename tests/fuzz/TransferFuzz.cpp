@@ -194,6 +194,7 @@ void TalkToDaemon(const Turn& turn)
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     SilenceStandardOutput();
+    GoOnAfterAlarms();
     const auto [choice, text] = TakeChoice(data, size);
     const std::vector<std::string_view> said = Split(text, '~');
     if (choice % 2 == 0)
