@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include "bench/SystemFacts.h"
+
 namespace
 {
 /** The processor time of a process' children that it has waited for, in seconds. */
@@ -28,13 +30,8 @@ ProcessUse ProcessUse::Of(pid_t process)
 {
     ProcessUse use;
     const std::string directory = "/proc/" + std::to_string(process);
-    std::ifstream status(directory + "/status");
-    for (std::string line; std::getline(status, line);) {
-        const std::size_t colon = line.find(':');
-        const std::string name = line.substr(0, colon);
-        if (name == "voluntary_ctxt_switches" || name == "nonvoluntary_ctxt_switches")
-            use.contextSwitches += std::stol(line.substr(colon + 1));
-    }
+    for (const char* label : {"voluntary_ctxt_switches", "nonvoluntary_ctxt_switches"})
+        use.contextSwitches += static_cast<long>(ReadNumber(directory + "/status", label));
     double nanoseconds = 0;
     std::ifstream(directory + "/schedstat") >> nanoseconds;
     use.cpuMicroseconds = nanoseconds / 1000;
@@ -58,9 +55,5 @@ ProcessUse ProcessUse::OfAlone(pid_t process)
 
 double ProportionalMemory(pid_t process)
 {
-    std::ifstream parts("/proc/" + std::to_string(process) + "/smaps_rollup");
-    for (std::string line; std::getline(parts, line);)
-        if (line.starts_with("Pss:"))
-            return std::stod(line.substr(4));
-    return 0;
+    return ReadNumber("/proc/" + std::to_string(process) + "/smaps_rollup", "Pss");
 }

@@ -10,19 +10,12 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "bench/SystemFacts.h"
+
 using Json = nlohmann::ordered_json;
 
 namespace
 {
-std::string ReadAfter(const char* file, const std::string& label)
-{
-    std::ifstream lines(file);
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with(label))
-            return line.substr(line.find_first_not_of(" \t", line.find(':') + 1));
-    return "unknown";
-}
-
 Json DescribeMachine()
 {
     utsname system{};
@@ -33,8 +26,8 @@ Json DescribeMachine()
     std::strftime(date, sizeof date, "%Y-%m-%d", std::localtime(&now));
     return {{"date", date},
             {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
-            {"model", ReadAfter("/proc/cpuinfo", "model name")},
-            {"memory", ReadAfter("/proc/meminfo", "MemTotal")},
+            {"model", ReadFact("/proc/cpuinfo", "model name")},
+            {"memory", ReadFact("/proc/meminfo", "MemTotal")},
             {"system", std::string(system.sysname) + " " + release.substr(0, release.find('-'))}};
 }
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include <sys/mman.h>
@@ -15,6 +14,7 @@
 #include "bench/Peers.h"
 #include "bench/ProcessUse.h"
 #include "bench/Subjects.h"
+#include "bench/SystemFacts.h"
 
 namespace fs = std::filesystem;
 
@@ -41,7 +41,12 @@ constexpr long long MostElsewhere = 768 * Mebibyte;
 class HeldMemory
 {
 public:
-    static HeldMemory AllBut(long long bytesLeft) { return HeldMemory(AvailableBytes() - bytesLeft); }
+    static HeldMemory AllBut(long long bytesLeft)
+    {
+        constexpr long long kibibyte = 1024;
+        return HeldMemory(static_cast<long long>(ReadNumber("/proc/meminfo", "MemAvailable")) * kibibyte -
+                          bytesLeft);
+    }
 
     explicit HeldMemory(long long bytes) : bytes_(std::max(0LL, bytes))
     {
@@ -58,15 +63,6 @@ public:
     }
 
 private:
-    static long long AvailableBytes()
-    {
-        std::ifstream facts("/proc/meminfo");
-        for (std::string name; facts >> name; facts.ignore(1000, '\n'))
-            if (long long kibibytes = 0; name == "MemAvailable:" && facts >> kibibytes)
-                return kibibytes * 1024;
-        return 0;
-    }
-
     long long bytes_;
     void* memory_ = MAP_FAILED;
 };

@@ -54,8 +54,8 @@ int OutputStream::Write(std::string_view bytes)
 int OutputStream::Flush()
 {
     while (HasPending()) {
-        if (const int error = WaitForDescriptor(Descriptor(), POLLOUT, DeadlineIn(INT_MAX)))
-            return error;
+        if (!WaitForDescriptor(Descriptor(), POLLOUT, DeadlineIn(INT_MAX)))
+            return ETIMEDOUT;
         if (const int error = Write({}))
             return error;
     }

@@ -28,7 +28,7 @@ int FarewellConnection::ThreadOrProcessRoutine()
 {
     SendQueue::Result result;
     while ((result = GetSendQueue().Flush(GetSocket())) == SendQueue::Result::More) {
-        if (WaitForDescriptor(GetSocket().GetBaseSocketNumber(), POLLOUT, DeadlineIn(stallLimit_)) == 0)
+        if (WaitForDescriptor(GetSocket().GetBaseSocketNumber(), POLLOUT, DeadlineIn(stallLimit_)))
             continue;
         BaseString::PutTrace("Error client takes nothing of its answer : dropped", 1);
         return 1;

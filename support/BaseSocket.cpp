@@ -70,8 +70,8 @@ ssize_t ReceiveInTime(int descriptor, char* buffer, std::size_t length, int time
         const ssize_t count = ReceiveNow(descriptor, buffer, length);
         if (count >= 0 || errno != EAGAIN)
             return count;
-        if (const int error = WaitForDescriptor(descriptor, POLLIN, deadline)) {
-            errno = error;
+        if (!WaitForDescriptor(descriptor, POLLIN, deadline)) {
+            errno = ETIMEDOUT;
             return -1;
         }
     }
@@ -88,8 +88,8 @@ int SendWhole(int descriptor, std::string_view bytes)
         }
         if (errno != EAGAIN)
             return errno;
-        if (const int error = WaitForDescriptor(descriptor, POLLOUT, DeadlineIn(BaseSocket::WriteTimeOut)))
-            return error;
+        if (!WaitForDescriptor(descriptor, POLLOUT, DeadlineIn(BaseSocket::WriteTimeOut)))
+            return ETIMEDOUT;
     }
     return 0;
 }
@@ -189,8 +189,8 @@ int BaseSocket::AcceptConnectionFromClientWithTimeOut(BaseSocket& client, sockad
             Fail(errno, "accept");
             return AcceptFailed;
         }
-        if (const int error = WaitForDescriptor(descriptor_, POLLIN, deadline)) {
-            Fail(error, "accept");
+        if (!WaitForDescriptor(descriptor_, POLLIN, deadline)) {
+            Fail(ETIMEDOUT, "accept");
             return AcceptTimeOut;
         }
     }
@@ -268,12 +268,12 @@ long BaseSocket::SendAvailable(std::string_view bytes)
 
 bool BaseSocket::CanReceiveWithin(const int& milliseconds) const
 {
-    return WaitForDescriptor(descriptor_, POLLIN, Clock::SteadyMilliseconds() + milliseconds) != ETIMEDOUT;
+    return WaitForDescriptor(descriptor_, POLLIN, Clock::SteadyMilliseconds() + milliseconds);
 }
 
 bool BaseSocket::CanSendWithin(const int& milliseconds) const
 {
-    return WaitForDescriptor(descriptor_, POLLOUT, Clock::SteadyMilliseconds() + milliseconds) != ETIMEDOUT;
+    return WaitForDescriptor(descriptor_, POLLOUT, Clock::SteadyMilliseconds() + milliseconds);
 }
 
 void BaseSocket::ShutdownSending()

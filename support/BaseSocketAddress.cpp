@@ -83,8 +83,8 @@ int ConnectInTime(int descriptor, const sockaddr_in& server, long long deadline)
         return 0;
     if (errno != EINPROGRESS && errno != EINTR)
         return errno;
-    if (const int error = WaitForDescriptor(descriptor, POLLOUT, deadline))
-        return error;
+    if (!WaitForDescriptor(descriptor, POLLOUT, deadline))
+        return ETIMEDOUT;
     // Should it not be told: a connection that does not stand fails at its first use.
     int outcome = 0;
     socklen_t length = sizeof(outcome);

@@ -142,6 +142,12 @@ bool ReadEnvironmentFile(pid_t processId, std::string& content)
 
 namespace ProcessFiles
 {
+unsigned long long ToTicks(long long milliseconds)
+{
+    static const long long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    return static_cast<unsigned long long>(milliseconds * ticksPerSecond / 1000);
+}
+
 bool ReadStatus(pid_t processId, ProcessStatus& status)
 {
     return ParseStatus(ReadStatusLine(FolderOf(processId)), status);

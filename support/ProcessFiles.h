@@ -23,6 +23,8 @@ struct ProcessStatus {
 
 namespace ProcessFiles
 {
+/** Steady milliseconds in the unit of start times. */
+unsigned long long ToTicks(long long milliseconds);
 /** False when there is no such process (any more). */
 bool ReadStatus(pid_t processId, ProcessStatus& status);
 /** True when no thread of it runs: each one has stopped or ended. True of a process that is gone. */

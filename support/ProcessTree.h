@@ -59,7 +59,7 @@ private:
         Handle() = default;
         explicit Handle(pid_t processId);
         Handle(Handle&&) = default;
-        Handle& operator=(Handle&&) = default;
+        Handle& operator=(Handle&&) = default; // exchanges them, so that each is counted once
         ~Handle();
 
         int Number() const { return descriptor_.Number(); }
@@ -86,7 +86,6 @@ private:
     void Begin();
     void LetGoOfNext();
     void EndLettingGo();
-    void BeginSearch();
     void SearchOn(const TurnShare& share);
     void SignalNext();
     void ContinueNext();

@@ -5,6 +5,6 @@ long long DeadlineIn(int seconds);
 
 /**
  * Waits until the descriptor is ready for `events` (as for poll) or broken, through interruptions and looks
- * that fail: 0, or ETIMEDOUT at the deadline. A deadline that has passed is not waited for at all.
+ * that fail: true in time, false at the deadline. A deadline that has passed is not waited for at all.
  */
-int WaitForDescriptor(int descriptor, short events, long long deadline);
+bool WaitForDescriptor(int descriptor, short events, long long deadline);
